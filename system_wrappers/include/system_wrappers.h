@@ -1,0 +1,11 @@
+// Umbrella header of libSystemWrappers: include this (or one family header)
+// and link SystemWrappers.
+#ifndef SYSTEM_WRAPPERS_SYSTEM_WRAPPERS_H_
+#define SYSTEM_WRAPPERS_SYSTEM_WRAPPERS_H_
+
+#include "ComBase.h"
+#include "ComRefCount.h"
+#include "ComTaskBase.h"
+#include "mtrace.h"
+
+#endif  // SYSTEM_WRAPPERS_SYSTEM_WRAPPERS_H_

@@ -1,0 +1,39 @@
+// Internal helpers shared by every source of the library to write its trace
+// lines: one CMyTextFormat on the stack, written to the host callback.
+#ifndef SYSTEM_WRAPPERS_SOURCE_SW_TRACE_H_
+#define SYSTEM_WRAPPERS_SOURCE_SW_TRACE_H_
+
+#include "mtrace.h"
+
+namespace sw {
+
+inline void WriteTrace(MTRACE_LEVEL_TYPE aLevel, const CMyTextFormat& aText) {
+    unsigned int length = 0;
+    const char* text = aText.GetContent(length);
+    CMyTrace_::Write(MTRACE_OUTPUT_CALLBACK, aLevel, text, length);
+}
+
+// Writes "system_wrappers/source/<aFile>: <aLine>, assert failed, <aExpr>" at
+// the error level. Assertions never stop the process.
+void TraceAssert(const char* aFile, int aLine, const char* aExpr);
+
+}  // namespace sw
+
+// SW_TRACE(MTRACE_LEVEL_ERROR, "[COM]:" << "Foo::Bar, failed, err=" << err);
+#define SW_TRACE(aLevel, aStream)              \
+    do {                                       \
+        CMyTextFormat swTraceText_;            \
+        swTraceText_ << aStream;               \
+        ::sw::WriteTrace(aLevel, swTraceText_); \
+    } while (0)
+
+#define SW_TRACE_ERROR(aStream) SW_TRACE(MTRACE_LEVEL_ERROR, aStream)
+#define SW_TRACE_WARNING(aStream) SW_TRACE(MTRACE_LEVEL_WARNING, aStream)
+#define SW_TRACE_INFO(aStream) SW_TRACE(MTRACE_LEVEL_INFO, aStream)
+
+// Evaluates to aCond; when it is false, writes the assertion line identified by
+// the source stem aFile and aLine, with aText as the asserted expression.
+#define SW_ASSERT_AT(aFile, aLine, aCond, aText) \
+    ((aCond) ? true : (::sw::TraceAssert(aFile, aLine, aText), false))
+
+#endif  // SYSTEM_WRAPPERS_SOURCE_SW_TRACE_H_
