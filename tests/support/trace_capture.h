@@ -1,0 +1,56 @@
+// Captures what the library traces, through the host log callback, so a test
+// can assert that a text was (or was not) traced at a level.
+#ifndef SYSTEM_WRAPPERS_TESTS_TRACE_CAPTURE_H_
+#define SYSTEM_WRAPPERS_TESTS_TRACE_CAPTURE_H_
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "mtrace.h"
+
+struct CapturedLine {
+    int tag;            // first callback argument (always 7)
+    int level;          // MTRACE_LEVEL_TYPE value
+    std::string format; // third argument ("%s")
+    std::string line;   // the finished line: prefix, text, newline
+    std::string text;   // the line without its prefix and newline
+};
+
+// Installs the host log callback for its lifetime and records every line.
+// One capture at a time; lines from any thread are recorded.
+class TraceCapture {
+public:
+    static constexpr int kAnyLevel = -1;
+
+    TraceCapture();
+    ~TraceCapture();
+    TraceCapture(const TraceCapture&) = delete;
+    TraceCapture& operator=(const TraceCapture&) = delete;
+
+    std::vector<CapturedLine> Lines() const;
+    void Clear();
+
+    // Lines whose text equals aText exactly (prefix and newline stripped).
+    size_t Count(int aLevel, const std::string& aText) const;
+    // Lines whose text contains aFragment.
+    size_t CountContaining(int aLevel, const std::string& aFragment) const;
+
+    ::testing::AssertionResult Traced(int aLevel, const std::string& aText) const;
+    ::testing::AssertionResult NotTraced(int aLevel, const std::string& aText) const;
+    ::testing::AssertionResult TracedContaining(int aLevel, const std::string& aFragment) const;
+    // Waits (generously) for a line traced by another thread.
+    ::testing::AssertionResult WaitTraced(int aLevel, const std::string& aText,
+                                          std::chrono::milliseconds aTimeout =
+                                              std::chrono::seconds(30)) const;
+
+private:
+    std::string Dump() const;
+};
+
+// The prefix every line starts with: "[L:ENG+pid:tid] sec.usec ".
+extern const char* const kTracePrefixPattern;
+
+#endif  // SYSTEM_WRAPPERS_TESTS_TRACE_CAPTURE_H_
