@@ -30,8 +30,8 @@ TEST(ComSemaphore, PostNAndLock) {
     ComSemaphore sem(0, "ignored", 0);
 
     EXPECT_EQ(COM_OK, sem.PostN(0));
-    EXPECT_TRUE(capture.Traced(MTRACE_LEVEL_ERROR,
-                               "system_wrappers/source/ComTaskBase: 129, assert failed, aCount >= 1"));
+    EXPECT_TRUE(capture.Traced(
+        MTRACE_LEVEL_ERROR, "system_wrappers/source/ComTaskBase: 129, assert failed, aCount >= 1"));
 
     EXPECT_EQ(COM_OK, sem.PostN(3));
     for (int i = 0; i < 3; ++i) EXPECT_EQ(COM_OK, sem.Lock());
@@ -46,8 +46,9 @@ TEST(ComSemaphore, FailuresAreTracedWithErrnoAndAddress) {
     TraceCapture capture;
     // A count beyond SEM_VALUE_MAX is refused by sem_init (EINVAL).
     ComSemaphore sem(-1);
-    EXPECT_TRUE(capture.Traced(MTRACE_LEVEL_ERROR, "ComSemaphore::ComSemaphore, sem_init() failed! err=" +
-                                                       std::to_string(EINVAL) + ", this=" + Ptr(&sem)));
+    EXPECT_TRUE(
+        capture.Traced(MTRACE_LEVEL_ERROR, "ComSemaphore::ComSemaphore, sem_init() failed! err=" +
+                                               std::to_string(EINVAL) + ", this=" + Ptr(&sem)));
     EXPECT_TRUE(capture.Traced(MTRACE_LEVEL_ERROR,
                                "system_wrappers/source/ComTaskBase: 78, assert failed, FALSE"));
 }

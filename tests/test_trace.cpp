@@ -42,9 +42,8 @@ TEST(CMyTextFormat, FormatsEveryOperand) {
       << -42 << '|' << static_cast<unsigned short>(65535) << '|' << 4294967295u << '|' << -7L << '|'
       << 18446744073709551615UL << '|' << -9LL << '|' << 9ULL << '|' << 1.5 << '|'
       << static_cast<const void*>(nullptr) << '|' << static_cast<const char*>(nullptr);
-    EXPECT_EQ(
-        "A|10|-56|txt|-42|65535|4294967295|-7|18446744073709551615|-9|9|1.500000|(nil)|(nil)",
-        Text(f));
+    EXPECT_EQ("A|10|-56|txt|-42|65535|4294967295|-7|18446744073709551615|-9|9|1.500000|(nil)|(nil)",
+              Text(f));
 
     int object = 0;
     CMyTextFormat p;
@@ -95,7 +94,9 @@ TEST(CMyTrace, LineShapeLevelsAndCallbackArguments) {
         EXPECT_TRUE(std::regex_match(lines[i].line, shape)) << lines[i].line;
     }
     // Another thread shows its own kernel thread id.
-    EXPECT_TRUE(std::regex_match(lines[5].line, std::regex(R"(^\[I:ENG\+[0-9]+:[0-9]+\] [0-9]+\.[0-9]{6} other thread\n$)")));
+    EXPECT_TRUE(std::regex_match(
+        lines[5].line,
+        std::regex(R"(^\[I:ENG\+[0-9]+:[0-9]+\] [0-9]+\.[0-9]{6} other thread\n$)")));
     EXPECT_EQ(std::string::npos, lines[5].line.find(":" + tid + "]"));
 
     // The clock is monotonic uptime, not the wall clock.
@@ -118,11 +119,13 @@ TEST(CMyTrace, TextIsTakenByLengthAndCutAtTheLineLimit) {
     std::vector<CapturedLine> lines = capture.Lines();
     ASSERT_EQ(4u, lines.size());
     EXPECT_EQ("abc", lines[0].text);
-    EXPECT_TRUE(std::regex_match(lines[1].line, std::regex(std::string("^") + kTracePrefixPattern + "\n$")));
+    EXPECT_TRUE(std::regex_match(lines[1].line,
+                                 std::regex(std::string("^") + kTracePrefixPattern + "\n$")));
     // The line limit (512) counts the prefix; the newline comes on top.
     EXPECT_EQ(513u, lines[2].line.size());
     EXPECT_EQ('\n', lines[2].line.back());
-    EXPECT_EQ(std::string(512 - (lines[2].line.size() - 1 - lines[2].text.size()), 'x'), lines[2].text);
+    EXPECT_EQ(std::string(512 - (lines[2].line.size() - 1 - lines[2].text.size()), 'x'),
+              lines[2].text);
     EXPECT_EQ("debug", lines[3].text);
 
     CMyTrace_::SetLogCallback(nullptr);  // no callback: the line is dropped
@@ -161,7 +164,8 @@ TEST_F(TraceFiles, FacadeWritesFileAndStdoutDestinations) {
     FacadeWrite(MTRACE_OUTPUT_STDOUT, 3, "to stdout");
     fflush(stdout);
     std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_TRUE(std::regex_match(out, std::regex(R"(^\[E:ENG\+[0-9]+:[0-9]+\] [0-9.]+ to stdout\n$)")))
+    EXPECT_TRUE(
+        std::regex_match(out, std::regex(R"(^\[E:ENG\+[0-9]+:[0-9]+\] [0-9.]+ to stdout\n$)")))
         << out;
 }
 
@@ -211,8 +215,7 @@ TEST_F(TraceFiles, FlushesEveryIntervalAndRetriesAFailedOpen) {
 
 TEST_F(TraceFiles, PrefixAtOrBeyondTheLineLimit) {
     TraceCapture capture;
-    MTRACE_LOG_CALLBACK hostCallback =
-        CMyTraceImpl_::s_LogInstance.load()->m_logCallback.load();
+    MTRACE_LOG_CALLBACK hostCallback = CMyTraceImpl_::s_LogInstance.load()->m_logCallback.load();
 
     // A prefix longer than the limit drops the line with a note on stdout.
     CMyTraceImpl_ tiny(MTRACE_LEVEL_INFO, "tiny", 10, 1, 2, 1000);

@@ -14,7 +14,9 @@ namespace {
 namespace fs = std::filesystem;
 
 int gCalls = 0;
-void CountingCallback(int, int, const char*, ...) { ++gCalls; }
+void CountingCallback(int, int, const char*, ...) {
+    ++gCalls;
+}
 
 void Write(MTRACE_OUTPUT_WHERE_TYPE aWhere, const char* aText) {
     CMyTrace_::Write(aWhere, MTRACE_LEVEL_ERROR, aText, static_cast<unsigned int>(strlen(aText)));

@@ -96,7 +96,9 @@ inline bool operator>=(const ComTimeValueType& a, const ComTimeValueType& b) {
     if (a.GetSec() != b.GetSec()) return a.GetSec() > b.GetSec();
     return a.GetUsec() >= b.GetUsec();
 }
-inline bool operator<=(const ComTimeValueType& a, const ComTimeValueType& b) { return b >= a; }
+inline bool operator<=(const ComTimeValueType& a, const ComTimeValueType& b) {
+    return b >= a;
+}
 
 // Recursive: the holder may lock it again (and must unlock as often), so code
 // holding a queue's lock can call back into the same queue.

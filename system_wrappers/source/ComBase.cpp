@@ -19,4 +19,6 @@ CMyMutex::CMyMutex() {
     pthread_mutexattr_destroy(&attr);
 }
 
-CMyMutex::~CMyMutex() { pthread_mutex_destroy(&m_mutex); }
+CMyMutex::~CMyMutex() {
+    pthread_mutex_destroy(&m_mutex);
+}

@@ -26,14 +26,16 @@ ComSemaphore::~ComSemaphore() {
 
 int ComSemaphore::Lock() {
     if (sem_wait(&m_semaphore) == -1) {
-        SW_TRACE_ERROR("ComSemaphore::Lock, sem_wait() failed! err="
-                       << errno << ", this=" << static_cast<void*>(this));
+        SW_TRACE_ERROR("ComSemaphore::Lock, sem_wait() failed! err=" << errno << ", this="
+                                                                     << static_cast<void*>(this));
         return COM_ERROR_FAILURE;
     }
     return COM_OK;
 }
 
-int ComSemaphore::UnLock() { return PostN(1); }
+int ComSemaphore::UnLock() {
+    return PostN(1);
+}
 
 int ComSemaphore::PostN(long aCount) {
     SW_ASSERT_AT(kFile, 129, aCount >= 1, "aCount >= 1");
@@ -50,8 +52,9 @@ int ComSemaphore::PostN(long aCount) {
 ComConditionVariable::ComConditionVariable(CMyMutex& aMutex) : m_pMutex(&aMutex) {
     int rv = pthread_cond_init(&m_cond, nullptr);
     if (rv != 0) {
-        SW_TRACE_ERROR("ComConditionVariable::ComConditionVariable, pthread_cond_init() failed! err="
-                       << rv << ", this=" << static_cast<void*>(this));
+        SW_TRACE_ERROR(
+            "ComConditionVariable::ComConditionVariable, pthread_cond_init() failed! err="
+            << rv << ", this=" << static_cast<void*>(this));
         SW_ASSERT_AT(kFile, 176, false, "FALSE");
     }
 }
@@ -169,4 +172,6 @@ int ComEvent::Pulse() {
     return rv;
 }
 
-int ComEvent::Reset() { return COM_ERROR_FAILURE; }
+int ComEvent::Reset() {
+    return COM_ERROR_FAILURE;
+}

@@ -37,7 +37,9 @@ CMyTextFormat& CMyTextFormat::operator<<(const char* aValue) {
     return Append("%s", aValue);
 }
 
-CMyTextFormat& CMyTextFormat::operator<<(int aValue) { return *this << static_cast<long>(aValue); }
+CMyTextFormat& CMyTextFormat::operator<<(int aValue) {
+    return *this << static_cast<long>(aValue);
+}
 
 CMyTextFormat& CMyTextFormat::operator<<(unsigned short aValue) {
     return *this << static_cast<unsigned int>(aValue);
@@ -47,19 +49,29 @@ CMyTextFormat& CMyTextFormat::operator<<(unsigned int aValue) {
     return *this << static_cast<unsigned long>(aValue);
 }
 
-CMyTextFormat& CMyTextFormat::operator<<(long aValue) { return Append("%ld", aValue); }
+CMyTextFormat& CMyTextFormat::operator<<(long aValue) {
+    return Append("%ld", aValue);
+}
 
-CMyTextFormat& CMyTextFormat::operator<<(unsigned long aValue) { return Append("%lu", aValue); }
+CMyTextFormat& CMyTextFormat::operator<<(unsigned long aValue) {
+    return Append("%lu", aValue);
+}
 
-CMyTextFormat& CMyTextFormat::operator<<(long long aValue) { return Append("%lld", aValue); }
+CMyTextFormat& CMyTextFormat::operator<<(long long aValue) {
+    return Append("%lld", aValue);
+}
 
 CMyTextFormat& CMyTextFormat::operator<<(unsigned long long aValue) {
     return Append("%llu", aValue);
 }
 
-CMyTextFormat& CMyTextFormat::operator<<(double aValue) { return Append("%f", aValue); }
+CMyTextFormat& CMyTextFormat::operator<<(double aValue) {
+    return Append("%f", aValue);
+}
 
-CMyTextFormat& CMyTextFormat::operator<<(const void* aValue) { return Append("%p", aValue); }
+CMyTextFormat& CMyTextFormat::operator<<(const void* aValue) {
+    return Append("%p", aValue);
+}
 
 // ---------------------------------------------------------------------------
 // CMyTrace_: every entry but DestroyTrace creates the instance on first use.
@@ -85,7 +97,9 @@ void CMyTrace_::UpdateOutputSysLogLevel(int aLevel) {
     if (CMyTraceImpl_* impl = FacadeInstance()) impl->UpdateOutputSysLogLevel(aLevel);
 }
 
-void CMyTrace_::DestroyTrace() { CMyTraceImpl_::Destroy(); }
+void CMyTrace_::DestroyTrace() {
+    CMyTraceImpl_::Destroy();
+}
 
 // ---------------------------------------------------------------------------
 // CMyTraceImpl_
@@ -147,7 +161,8 @@ void CMyTraceImpl_::Write(MTRACE_OUTPUT_WHERE_TYPE aWhere, MTRACE_LEVEL_TYPE aLe
 
     // Two spare bytes: a full line is the limit plus a newline, then its zero.
     char line[kLineBufferSize + 2];
-    const unsigned int limit = m_maxLineLength < kLineBufferSize ? m_maxLineLength : kLineBufferSize;
+    const unsigned int limit =
+        m_maxLineLength < kLineBufferSize ? m_maxLineLength : kLineBufferSize;
 
     // Formatted with room for the limit itself, so a prefix of exactly the limit
     // is kept whole.
@@ -230,7 +245,8 @@ FILE* CMyTraceImpl_::OpenFile() {
 
 void CMyTraceImpl_::CheckFilesize() {
     if (m_fileSize <= m_maxFileSize) return;
-    if (m_file) fputs("=============================== end of this file ====================\n", m_file);
+    if (m_file)
+        fputs("=============================== end of this file ====================\n", m_file);
     CloseFile();
     // A zero file count (never passed by the facade) keeps rewriting file 0.
     m_fileIndex = m_fileCount ? (m_fileIndex + 1) % m_fileCount : 0;

@@ -20,10 +20,10 @@ void TraceAssert(const char* aFile, int aLine, const char* aExpr);
 }  // namespace sw
 
 // SW_TRACE(MTRACE_LEVEL_ERROR, "[COM]:" << "Foo::Bar, failed, err=" << err);
-#define SW_TRACE(aLevel, aStream)              \
-    do {                                       \
-        CMyTextFormat swTraceText_;            \
-        swTraceText_ << aStream;               \
+#define SW_TRACE(aLevel, aStream)               \
+    do {                                        \
+        CMyTextFormat swTraceText_;             \
+        swTraceText_ << aStream;                \
         ::sw::WriteTrace(aLevel, swTraceText_); \
     } while (0)
 

@@ -46,7 +46,9 @@ TraceCapture::TraceCapture() {
     CMyTrace_::SetLogCallback(&Capture);
 }
 
-TraceCapture::~TraceCapture() { CMyTrace_::SetLogCallback(nullptr); }
+TraceCapture::~TraceCapture() {
+    CMyTrace_::SetLogCallback(nullptr);
+}
 
 std::vector<CapturedLine> TraceCapture::Lines() const {
     std::lock_guard<std::mutex> lock(gMutex);
@@ -73,7 +75,8 @@ size_t TraceCapture::CountContaining(int aLevel, const std::string& aFragment) c
 
 std::string TraceCapture::Dump() const {
     std::string out = "\ncaptured lines:\n";
-    for (const CapturedLine& l : Lines()) out += "  [" + std::to_string(l.level) + "] " + l.text + "\n";
+    for (const CapturedLine& l : Lines())
+        out += "  [" + std::to_string(l.level) + "] " + l.text + "\n";
     return out;
 }
 

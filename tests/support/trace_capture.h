@@ -12,11 +12,11 @@
 #include "mtrace.h"
 
 struct CapturedLine {
-    int tag;            // first callback argument (always 7)
-    int level;          // MTRACE_LEVEL_TYPE value
-    std::string format; // third argument ("%s")
-    std::string line;   // the finished line: prefix, text, newline
-    std::string text;   // the line without its prefix and newline
+    int tag;             // first callback argument (always 7)
+    int level;           // MTRACE_LEVEL_TYPE value
+    std::string format;  // third argument ("%s")
+    std::string line;    // the finished line: prefix, text, newline
+    std::string text;    // the line without its prefix and newline
 };
 
 // Installs the host log callback for its lifetime and records every line.
@@ -42,9 +42,9 @@ public:
     ::testing::AssertionResult NotTraced(int aLevel, const std::string& aText) const;
     ::testing::AssertionResult TracedContaining(int aLevel, const std::string& aFragment) const;
     // Waits (generously) for a line traced by another thread.
-    ::testing::AssertionResult WaitTraced(int aLevel, const std::string& aText,
-                                          std::chrono::milliseconds aTimeout =
-                                              std::chrono::seconds(30)) const;
+    ::testing::AssertionResult WaitTraced(
+        int aLevel, const std::string& aText,
+        std::chrono::milliseconds aTimeout = std::chrono::seconds(30)) const;
 
 private:
     std::string Dump() const;
