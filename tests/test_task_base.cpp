@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <future>
-#include <thread>
 
 #include "ComTaskBase.h"
 #include "trace_capture.h"
@@ -11,161 +9,114 @@
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
-std::string Ptr(const void* aPtr) {
-    char buf[32];
-    snprintf(buf, sizeof(buf), "%p", aPtr);
-    return buf;
-}
-
-// Runs aFn on another thread; true if it has not finished within a short while.
-template <class Fn>
-bool StaysBlocked(std::future<Fn>& aFuture) {
+template <class T>
+bool StillBlocked(std::future<T>& aFuture) {
     return aFuture.wait_for(100ms) == std::future_status::timeout;
 }
 
-TEST(ComSemaphore, PostNAndLock) {
+// Repeats aWake until the waiter has returned: a wake-up sent before the
+// waiter blocks must not make the test hang or flake.
+template <class T, class Wake>
+T WakeUntilDone(std::future<T>& aWaiter, Wake aWake) {
+    while (aWaiter.wait_for(10ms) == std::future_status::timeout) aWake();
+    return aWaiter.get();
+}
+
+TEST(ComSemaphore, CountsPostsAndTracesFailures) {
     TraceCapture capture;
     ComSemaphore sem(0, "ignored", 0);
-
     EXPECT_EQ(COM_OK, sem.PostN(0));
     EXPECT_TRUE(capture.Traced(
         MTRACE_LEVEL_ERROR, "system_wrappers/source/ComTaskBase: 129, assert failed, aCount >= 1"));
-
     EXPECT_EQ(COM_OK, sem.PostN(3));
     for (int i = 0; i < 3; ++i) EXPECT_EQ(COM_OK, sem.Lock());
-
     auto fourth = std::async(std::launch::async, [&] { return sem.Lock(); });
-    EXPECT_TRUE(StaysBlocked(fourth));  // PostN(0) added nothing
+    EXPECT_TRUE(StillBlocked(fourth));
     EXPECT_EQ(COM_OK, sem.UnLock());
     EXPECT_EQ(COM_OK, fourth.get());
-}
 
-TEST(ComSemaphore, FailuresAreTracedWithErrnoAndAddress) {
-    TraceCapture capture;
-    // A count beyond SEM_VALUE_MAX is refused by sem_init (EINVAL).
-    ComSemaphore sem(-1);
+    ComSemaphore refused(-1);  // beyond SEM_VALUE_MAX: sem_init fails with EINVAL
+    char self[32];
+    snprintf(self, sizeof(self), "%p", static_cast<void*>(&refused));
     EXPECT_TRUE(
         capture.Traced(MTRACE_LEVEL_ERROR, "ComSemaphore::ComSemaphore, sem_init() failed! err=" +
-                                               std::to_string(EINVAL) + ", this=" + Ptr(&sem)));
+                                               std::to_string(EINVAL) + ", this=" + self));
     EXPECT_TRUE(capture.Traced(MTRACE_LEVEL_ERROR,
                                "system_wrappers/source/ComTaskBase: 78, assert failed, FALSE"));
 }
 
-TEST(ComConditionVariable, TimedWaits) {
+TEST(ComConditionVariable, TimedWaitsAndWakeUps) {
     TraceCapture capture;
     CMyMutex mutex;
     ComConditionVariable cond(mutex);
+    {
+        PattAutoLock<CMyMutex> lock(mutex);
+        ComTimeValueType zero(0, 0), oneAndAHalf(1, 500000);
+        EXPECT_EQ(COM_ERROR_TIMEOUT, cond.Wait(&zero));
+        auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(COM_ERROR_TIMEOUT, cond.Wait(&oneAndAHalf));
+        EXPECT_GE(std::chrono::steady_clock::now() - start, 1400ms);
+    }
+    EXPECT_TRUE(capture.Lines().empty());  // a time-out is not a failure
 
-    PattAutoLock<CMyMutex> lock(mutex);
-    ComTimeValueType zero(0, 0);
-    EXPECT_EQ(COM_ERROR_TIMEOUT, cond.Wait(&zero));
-
-    ComTimeValueType timeout(1, 500000);
-    auto start = Clock::now();
-    EXPECT_EQ(COM_ERROR_TIMEOUT, cond.Wait(&timeout));
-    EXPECT_GE(Clock::now() - start, 1400ms);
-    EXPECT_EQ(0u, capture.Lines().size());  // a time-out is not a failure
-}
-
-TEST(ComConditionVariable, SignalAndBroadcastWakeWaiters) {
-    CMyMutex mutex;
-    ComConditionVariable cond(mutex);
     bool ready = false;
-    std::atomic<int> woken{0};
-
     auto waiter = [&] {
         PattAutoLock<CMyMutex> lock(mutex);
-        while (!ready) {
-            ComTimeValueType limit(30, 0);
-            if (cond.Wait(&limit) != COM_OK) return;  // timed out: leave woken unchanged
-        }
-        ++woken;
+        while (!ready) cond.Wait();
+        return COM_OK;
     };
-    std::thread a(waiter), b(waiter);
+    auto a = std::async(std::launch::async, waiter), b = std::async(std::launch::async, waiter);
     {
         PattAutoLock<CMyMutex> lock(mutex);
         ready = true;
         EXPECT_EQ(COM_OK, cond.Broadcast());
     }
-    a.join();
-    b.join();
-    EXPECT_EQ(2, woken.load());
-
-    ready = false;
-    std::thread c([&] {
-        PattAutoLock<CMyMutex> lock(mutex);
-        while (!ready) cond.Wait();
-        ++woken;
-    });
-    {
-        PattAutoLock<CMyMutex> lock(mutex);
-        ready = true;
-        EXPECT_EQ(COM_OK, cond.Signal());
-    }
-    c.join();
-    EXPECT_EQ(3, woken.load());
+    EXPECT_EQ(COM_OK, a.get());
+    EXPECT_EQ(COM_OK, b.get());
+    EXPECT_EQ(COM_OK, cond.Signal());  // nobody waiting: fine
 }
 
-TEST(ComEvent, AutoResetLetsOneWaiterThroughPerSignal) {
+TEST(ComEvent, AutoResetPassesOneWaitPerSignal) {
+    ComTimeValueType none(0, 0), limit(30, 0);
     ComEvent event(0, 0, "ignored");
-    EXPECT_EQ(COM_OK, event.Signal());  // nobody waiting: the signal is kept
-    ComTimeValueType none(0, 0);
+    EXPECT_EQ(COM_OK, event.Signal());  // nobody waiting: kept for the next Wait
     EXPECT_EQ(COM_OK, event.Wait(&none));
-    EXPECT_EQ(COM_ERROR_TIMEOUT, event.Wait(&none));  // consumed
+    EXPECT_EQ(COM_ERROR_TIMEOUT, event.Wait(&none));
 
     ComEvent initiallySet(0, 1, nullptr);
     EXPECT_EQ(COM_OK, initiallySet.Wait(&none));
     EXPECT_EQ(COM_ERROR_TIMEOUT, initiallySet.Wait(&none));
 
-    // With a waiter, Signal wakes it and leaves nothing behind for the next.
-    auto waiter = std::async(std::launch::async, [&] {
-        ComTimeValueType limit(30, 0);
-        return event.Wait(&limit);
-    });
-    while (waiter.wait_for(10ms) == std::future_status::timeout) {
-        event.Signal();  // repeats until the waiter has really blocked and woken
-    }
-    EXPECT_EQ(COM_OK, waiter.get());
+    auto waiter = std::async(std::launch::async, [&] { return event.Wait(&limit); });
+    EXPECT_EQ(COM_OK, WakeUntilDone(waiter, [&] { event.Signal(); }));
 }
 
 TEST(ComEvent, ManualResetStaysSignalledUntilPulse) {
-    ComEvent event(1, 0, nullptr);
     ComTimeValueType none(0, 0);
-    EXPECT_EQ(COM_ERROR_TIMEOUT, event.Wait(&none));
-
+    ComEvent event(1, 0, nullptr);
     auto first = std::async(std::launch::async, [&] { return event.Wait(); });
     auto second = std::async(std::launch::async, [&] { return event.Wait(); });
-    EXPECT_TRUE(StaysBlocked(first));
-    EXPECT_EQ(COM_OK, event.Signal());  // broadcast: every waiter passes
+    EXPECT_TRUE(StillBlocked(first));
+    EXPECT_EQ(COM_OK, event.Signal());
     EXPECT_EQ(COM_OK, first.get());
     EXPECT_EQ(COM_OK, second.get());
     EXPECT_EQ(COM_OK, event.Wait(&none));
-    EXPECT_EQ(COM_OK, event.Wait(&none));
-
     EXPECT_EQ(COM_ERROR_FAILURE, event.Reset());  // refused: stays signalled
     EXPECT_EQ(COM_OK, event.Wait(&none));
-
-    EXPECT_EQ(COM_OK, event.Pulse());  // nobody waiting: just clears
+    EXPECT_EQ(COM_OK, event.Pulse());
     EXPECT_EQ(COM_ERROR_TIMEOUT, event.Wait(&none));
 }
 
-TEST(ComEvent, PulseReleasesOnlyCurrentWaiters) {
+TEST(ComEvent, PulseReleasesOnlyThreadsAlreadyWaiting) {
     for (int manual : {0, 1}) {
-        SCOPED_TRACE(manual ? "manual" : "auto");
         ComEvent event(manual, 0, nullptr);
-        EXPECT_EQ(COM_OK, event.Pulse());  // nobody waiting: wakes no later waiter
-        ComTimeValueType shortWait(0, 50000);
-        EXPECT_EQ(COM_ERROR_TIMEOUT, event.Wait(&shortWait));
-
-        auto waiter = std::async(std::launch::async, [&] {
-            ComTimeValueType limit(30, 0);
-            return event.Wait(&limit);
-        });
-        while (waiter.wait_for(10ms) == std::future_status::timeout) event.Pulse();
-        EXPECT_EQ(COM_OK, waiter.get());
-        EXPECT_EQ(COM_ERROR_TIMEOUT, event.Wait(&shortWait));
+        ComTimeValueType shortWait(0, 50000), limit(30, 0);
+        EXPECT_EQ(COM_OK, event.Pulse());
+        EXPECT_EQ(COM_ERROR_TIMEOUT, event.Wait(&shortWait)) << manual;
+        auto waiter = std::async(std::launch::async, [&] { return event.Wait(&limit); });
+        EXPECT_EQ(COM_OK, WakeUntilDone(waiter, [&] { event.Pulse(); }));
+        EXPECT_EQ(COM_ERROR_TIMEOUT, event.Wait(&shortWait)) << manual;
     }
 }
 

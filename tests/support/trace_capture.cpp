@@ -6,8 +6,6 @@
 #include <mutex>
 #include <regex>
 
-#include "mtrace.h"
-
 const char* const kTracePrefixPattern = R"(\[[DIWE]:ENG\+[0-9]+:[0-9]+\] [0-9]+\.[0-9]{6} )";
 
 namespace {
@@ -22,21 +20,30 @@ void Capture(int aTag, int aLevel, const char* aFormat, ...) {
     const char* line = va_arg(args, const char*);
     va_end(args);
 
-    CapturedLine captured{aTag, aLevel, aFormat ? aFormat : "", line ? line : "", ""};
     static const std::regex prefix(std::string("^") + kTracePrefixPattern);
-    std::smatch match;
-    std::string body = captured.line;
-    if (std::regex_search(body, match, prefix)) body = match.suffix();
-    if (!body.empty() && body.back() == '\n') body.pop_back();
-    captured.text = body;
+    CapturedLine captured{aTag, aLevel, aFormat, line, std::regex_replace(line, prefix, "")};
+    if (!captured.text.empty() && captured.text.back() == '\n') captured.text.pop_back();
 
     std::lock_guard<std::mutex> lock(gMutex);
     gLines.push_back(std::move(captured));
     gArrived.notify_all();
 }
 
-bool LevelMatches(int aWanted, int aLevel) {
-    return aWanted == TraceCapture::kAnyLevel || aWanted == aLevel;
+size_t CountLocked(int aLevel, const std::string& aText) {
+    size_t n = 0;
+    for (const CapturedLine& l : gLines)
+        n += (aLevel == TraceCapture::kAnyLevel || aLevel == l.level) && l.text == aText;
+    return n;
+}
+
+::testing::AssertionResult Report(bool aOk, const char* aWhat, int aLevel,
+                                  const std::string& aText) {
+    if (aOk) return ::testing::AssertionSuccess();
+    ::testing::AssertionResult failure = ::testing::AssertionFailure();
+    failure << aWhat << " at level " << aLevel << ": \"" << aText << "\"\ncaptured lines:\n";
+    std::lock_guard<std::mutex> lock(gMutex);
+    for (const CapturedLine& l : gLines) failure << "  [" << l.level << "] " << l.text << "\n";
+    return failure;
 }
 
 }  // namespace
@@ -61,54 +68,22 @@ void TraceCapture::Clear() {
 }
 
 size_t TraceCapture::Count(int aLevel, const std::string& aText) const {
-    size_t n = 0;
-    for (const CapturedLine& l : Lines()) n += LevelMatches(aLevel, l.level) && l.text == aText;
-    return n;
-}
-
-size_t TraceCapture::CountContaining(int aLevel, const std::string& aFragment) const {
-    size_t n = 0;
-    for (const CapturedLine& l : Lines())
-        n += LevelMatches(aLevel, l.level) && l.text.find(aFragment) != std::string::npos;
-    return n;
-}
-
-std::string TraceCapture::Dump() const {
-    std::string out = "\ncaptured lines:\n";
-    for (const CapturedLine& l : Lines())
-        out += "  [" + std::to_string(l.level) + "] " + l.text + "\n";
-    return out;
+    std::lock_guard<std::mutex> lock(gMutex);
+    return CountLocked(aLevel, aText);
 }
 
 ::testing::AssertionResult TraceCapture::Traced(int aLevel, const std::string& aText) const {
-    if (Count(aLevel, aText) > 0) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure()
-           << "not traced at level " << aLevel << ": \"" << aText << "\"" << Dump();
+    return Report(Count(aLevel, aText) > 0, "not traced", aLevel, aText);
 }
 
 ::testing::AssertionResult TraceCapture::NotTraced(int aLevel, const std::string& aText) const {
-    if (Count(aLevel, aText) == 0) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure()
-           << "traced at level " << aLevel << ": \"" << aText << "\"" << Dump();
-}
-
-::testing::AssertionResult TraceCapture::TracedContaining(int aLevel,
-                                                          const std::string& aFragment) const {
-    if (CountContaining(aLevel, aFragment) > 0) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure()
-           << "nothing containing \"" << aFragment << "\" at level " << aLevel << Dump();
+    return Report(Count(aLevel, aText) == 0, "traced", aLevel, aText);
 }
 
 ::testing::AssertionResult TraceCapture::WaitTraced(int aLevel, const std::string& aText,
                                                     std::chrono::milliseconds aTimeout) const {
     std::unique_lock<std::mutex> lock(gMutex);
-    bool seen = gArrived.wait_for(lock, aTimeout, [&] {
-        for (const CapturedLine& l : gLines)
-            if (LevelMatches(aLevel, l.level) && l.text == aText) return true;
-        return false;
-    });
+    bool seen = gArrived.wait_for(lock, aTimeout, [&] { return CountLocked(aLevel, aText) > 0; });
     lock.unlock();
-    if (seen) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure()
-           << "not traced in time at level " << aLevel << ": \"" << aText << "\"" << Dump();
+    return Report(seen, "not traced in time", aLevel, aText);
 }

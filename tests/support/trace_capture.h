@@ -19,8 +19,11 @@ struct CapturedLine {
     std::string text;    // the line without its prefix and newline
 };
 
-// Installs the host log callback for its lifetime and records every line.
-// One capture at a time; lines from any thread are recorded.
+// The prefix every line starts with: "[L:ENG+pid:tid] sec.usec ".
+extern const char* const kTracePrefixPattern;
+
+// Installs the host log callback for its lifetime and records every line, from
+// any thread. One capture at a time.
 class TraceCapture {
 public:
     static constexpr int kAnyLevel = -1;
@@ -32,25 +35,15 @@ public:
 
     std::vector<CapturedLine> Lines() const;
     void Clear();
-
-    // Lines whose text equals aText exactly (prefix and newline stripped).
+    // Lines whose text (prefix and newline stripped) equals aText.
     size_t Count(int aLevel, const std::string& aText) const;
-    // Lines whose text contains aFragment.
-    size_t CountContaining(int aLevel, const std::string& aFragment) const;
 
     ::testing::AssertionResult Traced(int aLevel, const std::string& aText) const;
     ::testing::AssertionResult NotTraced(int aLevel, const std::string& aText) const;
-    ::testing::AssertionResult TracedContaining(int aLevel, const std::string& aFragment) const;
-    // Waits (generously) for a line traced by another thread.
+    // For lines traced by another thread; the bound is generous on purpose.
     ::testing::AssertionResult WaitTraced(
         int aLevel, const std::string& aText,
         std::chrono::milliseconds aTimeout = std::chrono::seconds(30)) const;
-
-private:
-    std::string Dump() const;
 };
-
-// The prefix every line starts with: "[L:ENG+pid:tid] sec.usec ".
-extern const char* const kTracePrefixPattern;
 
 #endif  // SYSTEM_WRAPPERS_TESTS_TRACE_CAPTURE_H_
