@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstring>
-
 #include "mtrace.h"
 
 namespace {
@@ -18,6 +16,12 @@ void Write(MTRACE_OUTPUT_WHERE_TYPE aWhere) {
     CMyTrace_::Write(aWhere, MTRACE_LEVEL_ERROR, "line", 4);
 }
 
+// Runs in the child: a fresh working directory for the trace files.
+void EnterTempDir() {
+    char pattern[] = "/tmp/sw_trace_destroyed_XXXXXX";
+    if (!mkdtemp(pattern) || chdir(pattern) != 0) exit(3);
+}
+
 // Exits 0 only if nothing reaches any destination and nothing is created.
 void ExitIfSilentForGood() {
     gCalls = 0;
@@ -26,31 +30,20 @@ void ExitIfSilentForGood() {
     Write(MTRACE_OUTPUT_FILE);
     Write(MTRACE_OUTPUT_STDOUT);
     CMyTrace_::DestroyTrace();  // a second destroy is harmless
-    bool silent = gCalls == 0 && access("zemtrace_linux_0.log", F_OK) != 0 &&
+    bool noFile = unlink("zemtrace_linux_0.log") != 0;
+    char dir[4096];
+    if (getcwd(dir, sizeof(dir))) rmdir(dir);
+    bool silent = gCalls == 0 && noFile &&
                   !CMyTraceImpl_::Instance(MTRACE_LEVEL_INFO, "zemtrace", 512, 1, 2, 100);
     fflush(stdout);
     exit(silent ? 0 : 1);
 }
 
-class TraceDestroyed : public testing::Test {
-protected:
-    void SetUp() override {
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
-        char pattern[] = "/tmp/sw_trace_destroyed_XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(pattern));
-        m_dir = pattern;
-        ASSERT_EQ(0, chdir(m_dir.c_str()));
-    }
-    void TearDown() override {
-        unlink((m_dir + "/zemtrace_linux_0.log").c_str());
-        rmdir(m_dir.c_str());
-    }
-    std::string m_dir;
-};
-
-TEST_F(TraceDestroyed, LiveFacilityGoesQuietForGood) {
+TEST(TraceDestroyed, LiveFacilityGoesQuietForGood) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process per scenario
     EXPECT_EXIT(
         {
+            EnterTempDir();
             CMyTrace_::SetLogCallback(&Count);
             Write(MTRACE_OUTPUT_CALLBACK);
             Write(MTRACE_OUTPUT_FILE);
@@ -61,9 +54,11 @@ TEST_F(TraceDestroyed, LiveFacilityGoesQuietForGood) {
         testing::ExitedWithCode(0), "^$");
 }
 
-TEST_F(TraceDestroyed, DestroyBeforeFirstUse) {
+TEST(TraceDestroyed, DestroyBeforeFirstUse) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
+            EnterTempDir();
             CMyTrace_::DestroyTrace();
             ExitIfSilentForGood();
         },
