@@ -126,10 +126,7 @@ ComEvent::~ComEvent() = default;
 
 int ComEvent::Wait(ComTimeValueType* aTimeout) {
     int rv = m_mutex.Lock();
-    if (rv != COM_OK) {
-        SW_ASSERT_AT(kFile, 432, false, "rv == COM_OK");
-        return rv;
-    }
+    if (!SW_ASSERT_AT(kFile, 432, rv == COM_OK, "rv == COM_OK")) return rv;
     if (m_signaled != 1) {
         ++m_waiters;
         rv = m_cond.Wait(aTimeout);
@@ -144,10 +141,7 @@ int ComEvent::Wait(ComTimeValueType* aTimeout) {
 
 int ComEvent::Signal() {
     int rv = m_mutex.Lock();
-    if (rv != COM_OK) {
-        SW_ASSERT_AT(kFile, 467, false, "rv == COM_OK");
-        return rv;
-    }
+    if (!SW_ASSERT_AT(kFile, 467, rv == COM_OK, "rv == COM_OK")) return rv;
     if (m_manualReset == 1) {
         m_signaled = 1;
         rv = m_cond.Broadcast();
@@ -162,10 +156,7 @@ int ComEvent::Signal() {
 
 int ComEvent::Pulse() {
     int rv = m_mutex.Lock();
-    if (rv != COM_OK) {
-        SW_ASSERT_AT(kFile, 500, false, "rv == COM_OK");
-        return rv;
-    }
+    if (!SW_ASSERT_AT(kFile, 500, rv == COM_OK, "rv == COM_OK")) return rv;
     rv = (m_manualReset == 1) ? m_cond.Broadcast() : m_cond.Signal();
     m_signaled = 0;
     m_mutex.UnLock();
