@@ -5,7 +5,10 @@
 
 #include "ComBase.h"
 #include "ComRefCount.h"
+#include "ComEventQueue.h"
 #include "ComTaskBase.h"
+#include "ComTaskThread.h"
+#include "ComTimerQueue.h"
 #include "mtrace.h"
 
 #endif  // SYSTEM_WRAPPERS_SYSTEM_WRAPPERS_H_

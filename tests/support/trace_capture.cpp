@@ -1,6 +1,7 @@
 #include "trace_capture.h"
 
 #include <stdarg.h>
+#include <stdio.h>
 
 #include <condition_variable>
 #include <mutex>
@@ -48,6 +49,17 @@ size_t CountLocked(int aLevel, const std::string& aText) {
 
 }  // namespace
 
+std::string This(const void* aObject) {
+    char buffer[64];
+    snprintf(buffer, sizeof(buffer), ", this=%p", aObject);
+    return buffer;
+}
+
+std::string AssertLine(const char* aFile, int aLine, const std::string& aExpr) {
+    return std::string("system_wrappers/source/") + aFile + ": " + std::to_string(aLine) +
+           ", assert failed, " + aExpr;
+}
+
 TraceCapture::TraceCapture() {
     Clear();
     CMyTrace_::SetLogCallback(&Capture);
@@ -70,6 +82,15 @@ void TraceCapture::Clear() {
 size_t TraceCapture::Count(int aLevel, const std::string& aText) const {
     std::lock_guard<std::mutex> lock(gMutex);
     return CountLocked(aLevel, aText);
+}
+
+size_t TraceCapture::CountMatching(int aLevel, const std::string& aPattern) const {
+    const std::regex pattern(aPattern);
+    std::lock_guard<std::mutex> lock(gMutex);
+    size_t n = 0;
+    for (const CapturedLine& l : gLines)
+        n += (aLevel == kAnyLevel || aLevel == l.level) && std::regex_match(l.text, pattern);
+    return n;
 }
 
 ::testing::AssertionResult TraceCapture::Traced(int aLevel, const std::string& aText) const {

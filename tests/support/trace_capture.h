@@ -22,6 +22,11 @@ struct CapturedLine {
 // The prefix every line starts with: "[L:ENG+pid:tid] sec.usec ".
 extern const char* const kTracePrefixPattern;
 
+// ", this=<aObject as %p prints it>", the suffix of most lines.
+std::string This(const void* aObject);
+// "system_wrappers/source/<aFile>: <aLine>, assert failed, <aExpr>"
+std::string AssertLine(const char* aFile, int aLine, const std::string& aExpr);
+
 // Installs the host log callback for its lifetime and records every line, from
 // any thread. One capture at a time.
 class TraceCapture {
@@ -37,6 +42,9 @@ public:
     void Clear();
     // Lines whose text (prefix and newline stripped) equals aText.
     size_t Count(int aLevel, const std::string& aText) const;
+
+    // Lines whose text matches the regular expression aPattern as a whole.
+    size_t CountMatching(int aLevel, const std::string& aPattern) const;
 
     ::testing::AssertionResult Traced(int aLevel, const std::string& aText) const;
     ::testing::AssertionResult NotTraced(int aLevel, const std::string& aText) const;

@@ -1,0 +1,113 @@
+// Events that account for themselves, and small waiting helpers, shared by the
+// tests of queues and threads.
+#ifndef SYSTEM_WRAPPERS_TESTS_TEST_EVENTS_H_
+#define SYSTEM_WRAPPERS_TESTS_TEST_EVENTS_H_
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ComEventQueue.h"
+
+// Waits for a condition set by another thread; the bound only stops a broken
+// test from hanging.
+inline bool WaitUntil(const std::function<bool()>& aDone,
+                      std::chrono::milliseconds aBound = std::chrono::seconds(30)) {
+    const auto end = std::chrono::steady_clock::now() + aBound;
+    while (!aDone()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// A one-way gate: Wait blocks until Open.
+class Gate {
+public:
+    void Open() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_open = true;
+        m_cond.notify_all();
+    }
+    bool Wait(std::chrono::milliseconds aBound = std::chrono::seconds(30)) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_cond.wait_for(lock, aBound, [this] { return m_open; });
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_cond;
+    bool m_open = false;
+};
+
+// What happened to a numbered set of events: how often each fired and was
+// destroyed, and the order of everything recorded.
+class EventLedger {
+public:
+    explicit EventLedger(size_t aCount = 0) : m_fired(aCount), m_destroyed(aCount) {}
+
+    void Record(const std::string& aWhat) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_order.push_back(aWhat);
+    }
+    std::vector<std::string> Order() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_order;
+    }
+    int Fired(size_t aId) const { return m_fired[aId].load(); }
+    int Destroyed(size_t aId) const { return m_destroyed[aId].load(); }
+
+    std::vector<std::atomic<int>> m_fired;
+    std::vector<std::atomic<int>> m_destroyed;
+    std::atomic<int> m_totalDestroyed{0};
+
+private:
+    std::mutex m_mutex;
+    std::vector<std::string> m_order;
+};
+
+// Records its name when fired, runs an optional action and returns aResult.
+class LedgerEvent : public IEvent {
+public:
+    LedgerEvent(EventLedger& aLedger, size_t aId, std::string aName = std::string(),
+                int aResult = COM_OK, std::function<void()> aAction = nullptr)
+        : m_ledger(aLedger),
+          m_id(aId),
+          m_name(std::move(aName)),
+          m_result(aResult),
+          m_action(std::move(aAction)) {}
+    ~LedgerEvent() override {
+        if (m_id < m_ledger.m_destroyed.size()) {
+            ++m_ledger.m_destroyed[m_id];
+        }
+        ++m_ledger.m_totalDestroyed;
+    }
+    int OnEventFire() override {
+        if (m_id < m_ledger.m_fired.size()) {
+            ++m_ledger.m_fired[m_id];
+        }
+        if (!m_name.empty()) {
+            m_ledger.Record(m_name);
+        }
+        if (m_action) {
+            m_action();
+        }
+        return m_result;
+    }
+
+private:
+    EventLedger& m_ledger;
+    size_t m_id;
+    std::string m_name;
+    int m_result;
+    std::function<void()> m_action;
+};
+
+#endif  // SYSTEM_WRAPPERS_TESTS_TEST_EVENTS_H_

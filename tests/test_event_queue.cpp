@@ -1,0 +1,186 @@
+#include <gtest/gtest.h>
+
+#include "ComEventQueue.h"
+#include "test_events.h"
+#include "trace_capture.h"
+
+namespace {
+
+const int kError = MTRACE_LEVEL_ERROR;
+
+std::string Assert(int aLine, const std::string& aExpr) {
+    return AssertLine("ComTaskThread", aLine, aExpr);
+}
+
+// Posts events 0..aCount-1 of aLedger.
+void PostNumbered(EventQueueBase& aQueue, EventLedger& aLedger, size_t aCount) {
+    for (size_t i = 0; i < aCount; ++i)
+        ASSERT_EQ(COM_OK, aQueue.PostEvent(new LedgerEvent(aLedger, i, std::to_string(i))));
+}
+
+TEST(EventQueueBase, PopsOldestFirstInBoundedBatches) {
+    TraceCapture trace;
+    EventLedger ledger(5);
+    EventQueueBase queue;
+    PostNumbered(queue, ledger, 5);
+    EXPECT_EQ(5u, queue.GetPendingEventsCount());
+
+    std::list<IEvent*> batch;
+    unsigned long remain = 99;
+    ASSERT_EQ(COM_OK, queue.PopPendingEvents(batch, 2, &remain));
+    EXPECT_EQ(3u, remain);
+    EXPECT_EQ(2u, batch.size());
+    EXPECT_EQ(COM_OK, queue.ProcessEvents(batch));
+    batch.clear();
+
+    // A count equal to the limit takes the whole list.
+    ASSERT_EQ(COM_OK, queue.PopPendingEvents(batch, 3, &remain));
+    EXPECT_EQ(0u, remain);
+    EXPECT_EQ(0u, queue.GetPendingEventsCount());
+    queue.ProcessEvents(batch);
+    EXPECT_EQ((std::vector<std::string>{"0", "1", "2", "3", "4"}), ledger.Order());
+    EXPECT_EQ(5, ledger.m_totalDestroyed.load());
+
+    // Empty: failure, and the remain value is left alone.
+    batch.clear();
+    remain = 42;
+    EXPECT_EQ(COM_ERROR_FAILURE, queue.PopPendingEvents(batch, 5, &remain));
+    EXPECT_EQ(42u, remain);
+    IEvent* one = nullptr;
+    EXPECT_EQ(COM_ERROR_FAILURE, queue.PopOnePendingEvent(one, &remain));
+    EXPECT_TRUE(trace.Lines().empty());
+}
+
+TEST(EventQueueBase, MisuseIsTracedAndTolerated) {
+    TraceCapture trace;
+    EventLedger ledger(4);
+    EventQueueBase queue;
+
+    EXPECT_EQ(COM_ERROR_FAILURE, queue.PostEvent(nullptr));
+    EXPECT_EQ(COM_ERROR_FAILURE, queue.SendEvent(nullptr));
+    EXPECT_EQ(COM_ERROR_FAILURE, queue.ProcessOneEvent(nullptr));
+    EXPECT_TRUE(trace.Traced(kError, Assert(278, "aEvent")));
+    EXPECT_TRUE(trace.Traced(kError, Assert(294, "aEvent")));
+    EXPECT_TRUE(trace.Traced(kError, Assert(400, "aEvent")));
+    EXPECT_EQ(0u, queue.GetPendingEventsCount());
+
+    PostNumbered(queue, ledger, 3);
+    std::list<IEvent*> batch;
+    unsigned long remain = 0;
+    EXPECT_EQ(COM_OK, queue.PopPendingEvents(batch, 0, &remain));
+    EXPECT_TRUE(trace.Traced(kError, Assert(337, "aMaxCount > 0")));
+    EXPECT_TRUE(batch.empty());
+    EXPECT_EQ(3u, remain);
+
+    // A non-empty output list is appended to, not replaced.
+    IEvent* first = nullptr;
+    ASSERT_EQ(COM_OK, queue.PopOnePendingEvent(first, &remain));
+    EXPECT_EQ(2u, remain);
+    batch.push_back(first);
+    EXPECT_EQ(COM_OK, queue.PopPendingEvents(batch, 10, nullptr));
+    EXPECT_TRUE(trace.Traced(kError, Assert(336, "aEvents.empty()")));
+    ASSERT_EQ(3u, batch.size());
+    EXPECT_EQ(first, batch.front());
+
+    IEvent* notNull = batch.front();
+    EXPECT_EQ(COM_ERROR_FAILURE, queue.PopOnePendingEvent(notNull, nullptr));
+    EXPECT_TRUE(trace.Traced(kError, Assert(372, "!aEvent")));
+    queue.ProcessEvents(batch);
+    EXPECT_EQ((std::vector<std::string>{"0", "1", "2"}), ledger.Order());
+}
+
+TEST(EventQueueBase, StoppedQueueAndDestructionDiscardEventsOnce) {
+    TraceCapture trace;
+    EventLedger ledger(6);
+    {
+        EventQueueBase queue;
+        PostNumbered(queue, ledger, 4);
+        queue.Stop();
+        EXPECT_EQ(COM_ERROR_FAILURE, queue.PostEvent(new LedgerEvent(ledger, 4)));
+        EXPECT_EQ(1, ledger.Destroyed(4));
+        EXPECT_EQ(COM_ERROR_FAILURE, queue.SendEvent(new LedgerEvent(ledger, 5)));
+        EXPECT_EQ(1, ledger.Destroyed(5));
+        EXPECT_TRUE(
+            trace.Traced(kError, "EventQueueBase::PostEvent, has been stopped." + This(&queue)));
+        EXPECT_TRUE(
+            trace.Traced(kError, "EventQueueBase::SendEvent, has been stopped." + This(&queue)));
+        EXPECT_EQ(4u, queue.GetPendingEventsCount());
+    }
+    for (size_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(0, ledger.Fired(i)) << i;
+        EXPECT_EQ(1, ledger.Destroyed(i)) << i;
+    }
+}
+
+// A queue that refuses every post, as a stopped queue racing a send would.
+class RefusingQueue : public EventQueueBase {
+public:
+    int PostEvent(IEvent* aEvent) override {
+        aEvent->OnDestorySelf();
+        return COM_ERROR_FAILURE;
+    }
+};
+
+TEST(ComEventSynchronous, UnfiredWrapperDiscardsItsEvent) {
+    TraceCapture trace;
+    EventLedger ledger(2);
+    RefusingQueue queue;
+    EXPECT_EQ(COM_ERROR_FAILURE, queue.SendEvent(new LedgerEvent(ledger, 0)));
+    EXPECT_TRUE(
+        trace.Traced(kError, "EventQueueBase::SendEvent, post event failed." + This(&queue)));
+    delete new ComEventSynchronous(new LedgerEvent(ledger, 1), &queue);
+    for (size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(0, ledger.Fired(i));
+        EXPECT_EQ(1, ledger.Destroyed(i));
+    }
+
+    ComEventSynchronous empty(nullptr, nullptr);
+    EXPECT_TRUE(trace.Traced(kError, Assert(525, "m_pEventPost")));
+    EXPECT_TRUE(trace.Traced(kError, Assert(526, "m_pEventQueue")));
+    EXPECT_EQ(COM_ERROR_FAILURE, empty.OnEventFire());
+}
+
+TEST(LockedQueues, PostFailuresAreTracedTwice) {
+    TraceCapture trace;
+    EventLedger ledger(2);
+    ComEventQueueByMutex byMutex;
+    EventQueueUsingConditionVariable byCond;
+    byMutex.Stop();
+    byCond.Stop();
+    EXPECT_EQ(COM_ERROR_FAILURE, byMutex.PostEvent(new LedgerEvent(ledger, 0)));
+    EXPECT_EQ(COM_ERROR_FAILURE, byCond.PostEvent(new LedgerEvent(ledger, 1)));
+    EXPECT_EQ(1, ledger.Destroyed(0));
+    EXPECT_EQ(1, ledger.Destroyed(1));
+    EXPECT_TRUE(
+        trace.Traced(kError, "EventQueueBase::PostEvent, has been stopped." + This(&byMutex)));
+    EXPECT_TRUE(trace.Traced(kError, "[COM]:PostEvent, failed" + This(&byMutex)));
+    EXPECT_TRUE(
+        trace.Traced(kError, "EventQueueBase::PostEvent, has been stopped." + This(&byCond)));
+    EXPECT_TRUE(trace.Traced(kError, "PostEvent, failed" + This(&byCond)));
+
+    // The mutex queue hides the empty-queue failure.
+    std::list<IEvent*> batch;
+    unsigned long remain = 7;
+    EXPECT_EQ(COM_OK, byMutex.PopPendingEvents(batch, 5, &remain));
+    EXPECT_TRUE(batch.empty());
+    EXPECT_EQ(7u, remain);
+}
+
+TEST(LockedQueues, ConditionQueueWaitsOnlyWhileEmpty) {
+    EventLedger ledger(8);
+    EventQueueUsingConditionVariable queue;
+    std::list<IEvent*> batch;
+    ComTimeValueType zero(0, 0);
+    EXPECT_EQ(COM_ERROR_FAILURE, queue.PopOrWaitPendingEvents(batch, &zero, 5));
+    EXPECT_TRUE(batch.empty());
+
+    // Non-empty: no wait, at most the limit, oldest first.
+    for (size_t i = 0; i < 6; ++i) queue.PostEvent(new LedgerEvent(ledger, i, std::to_string(i)));
+    EXPECT_EQ(COM_OK, queue.PopOrWaitPendingEvents(batch, nullptr, 5));
+    EXPECT_EQ(5u, batch.size());
+    queue.ProcessEvents(batch);
+    EXPECT_EQ(1u, queue.GetPendingEventsCount());
+    EXPECT_EQ((std::vector<std::string>{"0", "1", "2", "3", "4"}), ledger.Order());
+}
+
+}  // namespace

@@ -1,0 +1,404 @@
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <memory>
+#include <thread>
+
+#include "ComTaskThread.h"
+#include "test_events.h"
+#include "trace_capture.h"
+
+namespace {
+
+const int kInfo = MTRACE_LEVEL_INFO;
+const int kWarning = MTRACE_LEVEL_WARNING;
+const int kError = MTRACE_LEVEL_ERROR;
+
+std::string Assert(int aLine, const std::string& aExpr) {
+    return AssertLine("ComTaskThread", aLine, aExpr);
+}
+
+// A thread whose body joins itself, then waits to be stopped.
+class ProbeThread : public BaseThread {
+public:
+    ProbeThread() : BaseThread(TT_TASK) {}
+    int OnThreadInit() override {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        m_initDone = true;
+        return 0;
+    }
+    int OnThreadRun() override {
+        std::shared_ptr<Gate> done = m_done;  // outlives the object when detached
+        m_selfJoin = Join();
+        m_release.Wait();
+        done->Open();
+        return 0;
+    }
+    int Stop(ComTimeValueType*) override {
+        m_release.Open();
+        return 0;
+    }
+
+    std::atomic<bool> m_initDone{false};
+    std::atomic<int> m_selfJoin{0};
+    Gate m_release;
+    std::shared_ptr<Gate> m_done = std::make_shared<Gate>();
+};
+
+TEST(BaseThread, StartHandshakeAndJoinRules) {
+    TraceCapture trace;
+    ProbeThread* thread = new ProbeThread;
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->Create(0));
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->Create(3));
+    EXPECT_EQ(2u, trace.Count(kError, Assert(629, "aFlag == TF_JOINABLE || aFlag == TF_DETACHED")));
+    EXPECT_EQ(0u, thread->m_Flag);
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->Join());  // never started: refused, not undefined
+
+    ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
+    EXPECT_TRUE(thread->m_initDone);  // no waiting: Create returned after OnThreadInit
+    EXPECT_EQ(nullptr, thread->m_pEvent4Start);
+    EXPECT_TRUE(pthread_equal(thread->m_Tid, thread->m_TidCreated));
+    EXPECT_TRUE(trace.Traced(kInfo, "BaseThread::Create, aType=0, aFlag=1" + This(thread)));
+
+    thread->Stop(nullptr);
+    EXPECT_EQ(COM_OK, thread->Join());
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->m_selfJoin.load());
+    EXPECT_TRUE(trace.Traced(kError, "BaseThread::Join, join in the same thread" + This(thread)));
+    EXPECT_TRUE(trace.Traced(kInfo, "BaseThread::Join" + This(thread)));
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->Join());  // already joined
+    EXPECT_NE(0, thread->Terminate());
+    EXPECT_EQ(0, thread->Destory());
+    EXPECT_TRUE(trace.Traced(kInfo, "BaseThread::Destory" + This(thread)));
+}
+
+TEST(BaseThread, DetachedThreadJoinsAtOnce) {
+    TraceCapture trace;
+    ProbeThread* thread = new ProbeThread;
+    std::shared_ptr<Gate> done = thread->m_done;
+    ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_DETACHED));
+    EXPECT_EQ(COM_OK, thread->Join());
+    EXPECT_TRUE(trace.Traced(kWarning, "BaseThread::Join, join detached thread" + This(thread)));
+    thread->Stop(nullptr);
+    ASSERT_TRUE(done->Wait());
+    thread->Destory();
+}
+
+TEST(BaseThread, FailedCreateCanBeRetried) {
+    TraceCapture trace;
+    pthread_attr_t huge, saved;
+    ASSERT_EQ(0, pthread_getattr_default_np(&saved));
+    pthread_attr_init(&huge);
+    pthread_attr_setstacksize(&huge, static_cast<size_t>(1) << 50);  // no room for such a stack
+    ASSERT_EQ(0, pthread_setattr_default_np(&huge));
+    ProbeThread* thread = new ProbeThread;
+    const int first = thread->Create(BaseThread::TF_JOINABLE);
+    pthread_setattr_default_np(&saved);
+    pthread_attr_destroy(&huge);
+    pthread_attr_destroy(&saved);
+    if (first == COM_OK) {
+        thread->Stop(nullptr);
+        thread->Join();
+        thread->Destory();
+        GTEST_SKIP() << "this runtime ignores the default stack size";
+    }
+    EXPECT_EQ(COM_ERROR_FAILURE, first);
+    EXPECT_EQ(1u, trace.CountMatching(
+                      kError, "BaseThread::Create, pthread_create\\(\\) failed! err=[0-9]+" +
+                                  This(thread)));
+    EXPECT_NE(nullptr, thread->m_pEvent4Start);
+
+    ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
+    EXPECT_TRUE(trace.Traced(kError, Assert(635, "!m_pEvent4Start")));
+    thread->Stop(nullptr);
+    EXPECT_EQ(COM_OK, thread->Join());
+    thread->Destory();
+}
+
+class FiringRecorder : public ITimerHandler {
+public:
+    explicit FiringRecorder(EventLedger& aLedger) : m_ledger(aLedger) {}
+    void OnTimeout(const ComTimeValueType&, void*) override {
+        m_ledger.Record("T");
+        m_firedOn = pthread_self();
+        ++m_fired;
+    }
+    EventLedger& m_ledger;
+    std::atomic<pthread_t> m_firedOn{0};
+    std::atomic<int> m_fired{0};
+};
+
+// Posts an event that holds the thread's loop until the gate opens, and
+// returns once the loop is inside it.
+void HoldLoop(ComTaskThread* aThread, EventLedger& aLedger, Gate& aGate) {
+    Gate started;
+    ASSERT_EQ(COM_OK, aThread->PostEvent(new LedgerEvent(aLedger, 0, "", 0, [&] {
+        started.Open();
+        aGate.Wait();
+    })));
+    ASSERT_TRUE(started.Wait());
+}
+
+TEST(ComTaskThread, BatchesOfFiveWithTimersChecked) {
+    TraceCapture trace;
+    ComTaskThread* thread = new ComTaskThread;
+    ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
+    EXPECT_EQ(&thread->m_EventQueue, thread->GetEventQueue());
+    ASSERT_NE(nullptr, thread->GetTimerQueue());
+    EXPECT_TRUE(trace.WaitTraced(kInfo, "ComTaskThread::OnThreadRun, Begin." + This(thread)));
+
+    EventLedger ledger(9);
+    FiringRecorder timer(ledger);
+    Gate gate;
+    HoldLoop(thread, ledger, gate);
+    std::atomic<int> sendResult{0};
+    // The first event sends to its own thread (which runs at once, ahead of
+    // the queue) and schedules a zero-interval timer (due at the next check).
+    ASSERT_EQ(COM_OK, thread->PostEvent(new LedgerEvent(ledger, 1, "e1", 0, [&] {
+        sendResult = thread->SendEvent(new LedgerEvent(ledger, 7, "send", 42));
+        thread->ScheduleTimer(&timer, nullptr, ComTimeValueType(0, 0), 1);
+    })));
+    for (size_t i = 2; i <= 6; ++i)
+        ASSERT_EQ(COM_OK, thread->PostEvent(new LedgerEvent(ledger, i, "e" + std::to_string(i))));
+    gate.Open();
+    ASSERT_TRUE(WaitUntil([&] { return ledger.m_totalDestroyed.load() == 8; }));
+    EXPECT_EQ((std::vector<std::string>{"e1", "send", "e2", "e3", "e4", "e5", "T", "e6"}),
+              ledger.Order());
+    EXPECT_EQ(42, sendResult.load());
+    EXPECT_TRUE(pthread_equal(thread->GetThreadId(), timer.m_firedOn));
+
+    // A send from another thread returns the event's own result.
+    auto* sent = new LedgerEvent(ledger, 8, "", 9);
+    EXPECT_EQ(9, thread->SendEvent(sent));
+    EXPECT_EQ(1, ledger.Fired(8));
+
+    // A periodic timer scheduled from here fires on the thread, once the
+    // thread wakes for an event.
+    ASSERT_EQ(COM_OK, thread->ScheduleTimer(&timer, nullptr, ComTimeValueType(0, 2000), 3));
+    thread->PostEvent(new LedgerEvent(ledger, 0));
+    ASSERT_TRUE(WaitUntil([&] { return timer.m_fired.load() == 4; }));
+    EXPECT_TRUE(pthread_equal(thread->GetThreadId(), timer.m_firedOn));
+
+    thread->Stop(nullptr);
+    thread->Join();
+    EXPECT_TRUE(trace.Traced(kInfo, "ComTaskThread::OnThreadRun, End." + This(thread)));
+    thread->Destory();
+}
+
+TEST(ComTaskThread, StopRefusesLaterWork) {
+    TraceCapture trace;
+    ComTaskThread* thread = new ComTaskThread;
+    ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
+    EventLedger ledger(4);
+    FiringRecorder timer(ledger);
+    ASSERT_EQ(COM_OK, thread->ScheduleTimer(&timer, nullptr, ComTimeValueType(3600, 0), 1));
+    Gate gate;
+    HoldLoop(thread, ledger, gate);
+
+    ComTimeValueType timeout(1, 0);
+    EXPECT_EQ(0, thread->Stop(&timeout));
+    EXPECT_TRUE(trace.Traced(kInfo, "ComTaskThread::Stop" + This(thread)));
+    // The stop event has not run yet: the closed queue refuses and destroys.
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->PostEvent(new LedgerEvent(ledger, 1)));
+    EXPECT_EQ(1, ledger.Destroyed(1));
+    EXPECT_TRUE(trace.Traced(kError, "ComTaskThread::PostEvent, failed" + This(thread)));
+    gate.Open();
+    ASSERT_EQ(COM_OK, thread->Join());
+
+    // Once it has run, the thread refuses first and the caller keeps the event.
+    LedgerEvent kept(ledger, 2);
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->PostEvent(&kept));
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->SendEvent(&kept));
+    EXPECT_EQ(0, ledger.Destroyed(2));
+    EXPECT_TRUE(trace.Traced(kError, "ComTaskThread::PostEvent, stopped" + This(thread)));
+    EXPECT_TRUE(trace.Traced(kError, "ComTaskThread::SendEvent, stopped" + This(thread)));
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->ScheduleTimer(&timer, nullptr, ComTimeValueType(1, 0), 1));
+    EXPECT_TRUE(trace.Traced(
+        kError, "ComTaskThread::ScheduleTimer, stopped or timequeue=null" + This(thread)));
+    // Cancelling still reaches the timer queue.
+    EXPECT_EQ(COM_OK, thread->CancelTimer(&timer));
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->CancelTimer(&timer));
+    EXPECT_TRUE(trace.Traced(kError, "ComTaskThread::CancelTimer, failed" + This(thread)));
+    thread->Destory();
+}
+
+TEST(ComTaskThread, StopFlagIsReadBetweenPasses) {
+    ComTaskThread* thread = new ComTaskThread;
+    ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
+    EventLedger ledger(7);
+    Gate gate;
+    HoldLoop(thread, ledger, gate);
+    ASSERT_EQ(COM_OK, thread->PostEvent(new StopThreadEvent(thread)));
+    for (size_t i = 1; i <= 6; ++i)
+        ASSERT_EQ(COM_OK, thread->PostEvent(new LedgerEvent(ledger, i)));
+    gate.Open();
+    ASSERT_EQ(COM_OK, thread->Join());
+    // The pass that ran the stop event took four more; the rest were discarded.
+    for (size_t i = 1; i <= 6; ++i) {
+        EXPECT_EQ(i <= 4 ? 1 : 0, ledger.Fired(i)) << i;
+        EXPECT_EQ(1, ledger.Destroyed(i)) << i;
+    }
+    thread->Destory();
+}
+
+TEST(ComTaskThread, EveryEventEndsOnceUnderLoad) {
+    ComTaskThread* thread = new ComTaskThread;
+    ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
+    const size_t kProducers = 4, kPerProducer = 400;
+    EventLedger ledger(kProducers * kPerProducer);
+    std::atomic<size_t> posted{0};
+    std::atomic<int> badResults{0};
+
+    auto produce = [&](size_t aFirst, size_t aCount, bool aSend) {
+        for (size_t id = aFirst; id < aFirst + aCount; ++id) {
+            auto* event = new LedgerEvent(ledger, id, "", static_cast<int>(id));
+            if (aSend && id % 2) {
+                if (thread->SendEvent(event) != static_cast<int>(id)) ++badResults;
+                continue;
+            }
+            if (thread->PostEvent(event) != COM_OK && ledger.Destroyed(id) == 0)
+                event->OnDestorySelf();  // refused by the thread: still ours
+            ++posted;
+        }
+    };
+    // Sending needs a thread that will run the event, so sends happen before
+    // the stop; posts race with it.
+    const size_t half = kPerProducer / 2;
+    std::vector<std::thread> producers;
+    for (size_t p = 0; p < kProducers; ++p)
+        producers.emplace_back(produce, p * kPerProducer, half, true);
+    for (std::thread& t : producers) t.join();
+    producers.clear();
+    for (size_t p = 0; p < kProducers; ++p)
+        producers.emplace_back(produce, p * kPerProducer + half, kPerProducer - half, false);
+    WaitUntil([&] { return posted.load() > kProducers * half / 2 + 100; });
+    thread->Stop(nullptr);
+    for (std::thread& t : producers) t.join();
+    ASSERT_EQ(COM_OK, thread->Join());
+    thread->Destory();  // discards what was accepted but never taken
+
+    EXPECT_EQ(0, badResults.load());
+    for (size_t id = 0; id < kProducers * kPerProducer; ++id) {
+        ASSERT_EQ(1, ledger.Destroyed(id)) << id;
+        ASSERT_GE(1, ledger.Fired(id)) << id;
+        if (id % kPerProducer < half) ASSERT_EQ(1, ledger.Fired(id)) << id;
+    }
+}
+
+// The client function of the user-thread tests.
+struct UserContext {
+    EventLedger* ledger = nullptr;
+    ComUserThread* thread = nullptr;
+    std::atomic<int> calls{0};
+    std::atomic<int> waitResult{-1};
+    bool giveUp = false;
+    Gate firstCall;
+    Gate release;
+};
+
+bool UserFunction(void* aArg) {
+    UserContext* ctx = static_cast<UserContext*>(aArg);
+    const int call = ++ctx->calls;
+    if (ctx->giveUp) return false;
+    if (ctx->ledger && call <= 4) ctx->ledger->Record("F");
+    if (call == 1) {
+        ctx->firstCall.Open();
+        ctx->release.Wait();
+    }
+    ctx->waitResult = ctx->thread->WaitMills(ctx->ledger ? 1 : 10000);
+    return true;
+}
+
+TEST(ComUserThread, GivesUpThenWaitsForStop) {
+    TraceCapture trace;
+    UserContext ctx;
+    ctx.giveUp = true;
+    ComUserThread* thread = new ComUserThread(&ctx, &UserFunction);
+    ctx.thread = thread;
+    EXPECT_EQ(nullptr, thread->GetEventQueue());
+    EXPECT_EQ(nullptr, thread->GetTimerQueue());
+    ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
+    EXPECT_TRUE(
+        trace.WaitTraced(kWarning, "ComUserThread::OnThreadRun, break by user" + This(thread)));
+    EXPECT_TRUE(trace.WaitTraced(kInfo, "ComUserThread::ProcessBeforeExit, wait" + This(thread)));
+    EXPECT_EQ(0, thread->Stop(nullptr));
+    EXPECT_TRUE(trace.Traced(kInfo, "ComUserThread::Stop" + This(thread)));
+    ASSERT_EQ(COM_OK, thread->Join());
+    EXPECT_EQ(1, ctx.calls.load());
+    EXPECT_TRUE(trace.Traced(kInfo, "ComUserThread::OnThreadRun, end, stoped=1" + This(thread)));
+    thread->Destory();
+}
+
+TEST(ComUserThread, StopCutsTheSleepShort) {
+    TraceCapture trace;
+    UserContext ctx;
+    ComUserThread* thread = new ComUserThread(&ctx, &UserFunction);
+    ctx.thread = thread;
+    ctx.release.Open();
+    ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
+    ASSERT_TRUE(ctx.firstCall.Wait());
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // let it fall asleep
+    thread->Stop(nullptr);
+    ASSERT_EQ(COM_OK, thread->Join());
+    EXPECT_EQ(0, ctx.waitResult.load());  // woken (or refused), not timed out
+    EXPECT_EQ(1, ctx.calls.load());
+    EXPECT_EQ(0, thread->WaitMills(10000));
+    EXPECT_TRUE(
+        trace.Traced(kError, "ComUserThread::WaitMills, thread has stopped" + This(thread)));
+    thread->Destory();
+
+    // A thread without a function ends at once and needs no Stop.
+    ComUserThread* empty = new ComUserThread(nullptr, nullptr);
+    ComUserThreadWidthEventQueue* emptyQueue = new ComUserThreadWidthEventQueue(nullptr, nullptr);
+    ASSERT_EQ(COM_OK, empty->Create(BaseThread::TF_JOINABLE));
+    ASSERT_EQ(COM_OK, emptyQueue->Create(BaseThread::TF_JOINABLE));
+    EXPECT_EQ(COM_OK, empty->Join());
+    EXPECT_EQ(COM_OK, emptyQueue->Join());
+    EXPECT_TRUE(trace.Traced(kError, "ComUserThread::OnThreadRun, threadPtr=null" + This(empty)));
+    EXPECT_TRUE(trace.Traced(kError, Assert(1074, "m_ThreadPtr != NULL")));
+    empty->Destory();
+    emptyQueue->Destory();
+}
+
+TEST(ComUserThreadWidthEventQueue, FiresFiveEventsPerCall) {
+    TraceCapture trace;
+    EventLedger ledger(14);
+    UserContext ctx;
+    ctx.ledger = &ledger;
+    ComUserThreadWidthEventQueue* thread = new ComUserThreadWidthEventQueue(&ctx, &UserFunction);
+    ctx.thread = thread;
+    EXPECT_EQ(nullptr, thread->GetEventQueue());
+
+    LedgerEvent early(ledger, 13);
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->PostEvent(&early));
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->SendEvent(&early));
+    EXPECT_EQ(0, ledger.Destroyed(13));
+    EXPECT_TRUE(
+        trace.Traced(kError, "ComUserThreadWidthEventQueue::PostEvent, stopped" + This(thread)));
+    EXPECT_TRUE(
+        trace.Traced(kError, "ComUserThreadWidthEventQueue::SendEvent, stopped" + This(thread)));
+
+    ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
+    ASSERT_TRUE(ctx.firstCall.Wait());
+    for (size_t i = 0; i < 12; ++i)
+        ASSERT_EQ(COM_OK, thread->PostEvent(new LedgerEvent(ledger, i, std::to_string(i))));
+    ctx.release.Open();
+    ASSERT_TRUE(WaitUntil([&] { return ledger.m_totalDestroyed.load() == 12; }));
+    ASSERT_TRUE(WaitUntil([&] { return ctx.calls.load() >= 4; }));
+    const std::vector<std::string> expected{"F", "0", "1", "2", "3", "4",  "F",  "5",
+                                            "6", "7", "8", "9", "F", "10", "11", "F"};
+    EXPECT_EQ(expected, ledger.Order());
+
+    pthread_t firedOn = 0;
+    EXPECT_EQ(5, thread->SendEvent(
+                     new LedgerEvent(ledger, 12, "", 5, [&] { firedOn = pthread_self(); })));
+    EXPECT_TRUE(pthread_equal(thread->GetThreadId(), firedOn));
+
+    thread->Stop(nullptr);
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->PostEvent(&early));
+    ASSERT_EQ(COM_OK, thread->Join());
+    EXPECT_TRUE(
+        trace.Traced(kInfo, "ComUserThreadWidthEventQueue::OnThreadRun, end" + This(thread)));
+    thread->Destory();
+}
+
+}  // namespace
