@@ -69,18 +69,15 @@ TEST(BaseThread, StartHandshakeAndJoinRules) {
     EXPECT_NE(0, thread->Terminate());
     EXPECT_EQ(0, thread->Destory());
     EXPECT_TRUE(trace.Traced(kInfo, "BaseThread::Destory" + This(thread)));
-}
 
-TEST(BaseThread, DetachedThreadJoinsAtOnce) {
-    TraceCapture trace;
-    ProbeThread* thread = new ProbeThread;
-    std::shared_ptr<Gate> done = thread->m_done;
-    ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_DETACHED));
-    EXPECT_EQ(COM_OK, thread->Join());
-    EXPECT_TRUE(trace.Traced(kWarning, "BaseThread::Join, join detached thread" + This(thread)));
-    thread->Stop(nullptr);
+    ProbeThread* detached = new ProbeThread;
+    std::shared_ptr<Gate> done = detached->m_done;
+    ASSERT_EQ(COM_OK, detached->Create(BaseThread::TF_DETACHED));
+    EXPECT_EQ(COM_OK, detached->Join());
+    EXPECT_TRUE(trace.Traced(kWarning, "BaseThread::Join, join detached thread" + This(detached)));
+    detached->Stop(nullptr);
     ASSERT_TRUE(done->Wait());
-    thread->Destory();
+    detached->Destory();
 }
 
 TEST(BaseThread, FailedCreateCanBeRetried) {
@@ -114,19 +111,6 @@ TEST(BaseThread, FailedCreateCanBeRetried) {
     thread->Destory();
 }
 
-class FiringRecorder : public ITimerHandler {
-public:
-    explicit FiringRecorder(EventLedger& aLedger) : m_ledger(aLedger) {}
-    void OnTimeout(const ComTimeValueType&, void*) override {
-        m_ledger.Record("T");
-        m_firedOn = pthread_self();
-        ++m_fired;
-    }
-    EventLedger& m_ledger;
-    std::atomic<pthread_t> m_firedOn{0};
-    std::atomic<int> m_fired{0};
-};
-
 // Posts an event that holds the thread's loop until the gate opens, and
 // returns once the loop is inside it.
 void HoldLoop(ComTaskThread* aThread, EventLedger& aLedger, Gate& aGate) {
@@ -147,7 +131,7 @@ TEST(ComTaskThread, BatchesOfFiveWithTimersChecked) {
     EXPECT_TRUE(trace.WaitTraced(kInfo, "ComTaskThread::OnThreadRun, Begin." + This(thread)));
 
     EventLedger ledger(9);
-    FiringRecorder timer(ledger);
+    RecordingHandler timer(&ledger);
     Gate gate;
     HoldLoop(thread, ledger, gate);
     std::atomic<int> sendResult{0};
@@ -189,7 +173,7 @@ TEST(ComTaskThread, StopRefusesLaterWork) {
     ComTaskThread* thread = new ComTaskThread;
     ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
     EventLedger ledger(4);
-    FiringRecorder timer(ledger);
+    RecordingHandler timer(&ledger);
     ASSERT_EQ(COM_OK, thread->ScheduleTimer(&timer, nullptr, ComTimeValueType(3600, 0), 1));
     Gate gate;
     HoldLoop(thread, ledger, gate);

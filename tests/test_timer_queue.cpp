@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
 #include <thread>
 #include <vector>
 
@@ -22,27 +21,6 @@ ComTimeValueType Ms(long aMs) {
     return ComTimeValueType(0, aMs * 1000);
 }
 
-// Records each firing; an optional action runs inside OnTimeout.
-class RecordingHandler : public ITimerHandler {
-public:
-    explicit RecordingHandler(std::vector<std::string>* aLog = nullptr, std::string aName = "")
-        : m_log(aLog), m_name(std::move(aName)) {}
-    void OnTimeout(const ComTimeValueType& aCurTime, void* aToken) override {
-        ++m_fired;
-        m_lastTime = aCurTime;
-        m_lastToken = aToken;
-        if (m_log) m_log->push_back(m_name);
-        if (m_action) m_action();
-    }
-
-    std::vector<std::string>* m_log;
-    std::string m_name;
-    std::atomic<int> m_fired{0};
-    ComTimeValueType m_lastTime;
-    void* m_lastToken = nullptr;
-    std::function<void()> m_action;
-};
-
 TimerQueueBase::CNode Node(ITimerHandler* aEh, const ComTimeValueType& aDue) {
     TimerQueueBase::CNode node(aEh, nullptr);
     node.m_tvExpired = aDue;
@@ -52,7 +30,7 @@ TimerQueueBase::CNode Node(ITimerHandler* aEh, const ComTimeValueType& aDue) {
 }
 
 TEST(TimerQueue, EqualDueTimesFireMostRecentlyInsertedFirst) {
-    std::vector<std::string> log;
+    EventLedger log;
     RecordingHandler a(&log, "a"), b(&log, "b"), c(&log, "c");
     TimerQueueOrderedList queue(nullptr);
     const ComTimeValueType due = ComTimeValueType::GetTimeOfDay() - Ms(1);
@@ -66,7 +44,7 @@ TEST(TimerQueue, EqualDueTimesFireMostRecentlyInsertedFirst) {
         EXPECT_EQ(3u, queue.m_Nodes.size());
     }
     EXPECT_EQ(3, queue.CheckExpire(nullptr));
-    EXPECT_EQ((std::vector<std::string>{"a", "b", "c"}), log);
+    EXPECT_EQ((std::vector<std::string>{"a", "b", "c"}), log.Order());
 }
 
 TEST(TimerQueue, RescheduleReplacesAndReportsFailure) {

@@ -74,6 +74,9 @@ public:
     std::atomic<int> m_bStopped;
 
 protected:
+    // Post and send refuse a null event (assertion at aNullLine) and, on a
+    // stopped queue, destroy the event after tracing aStoppedText.
+    bool Admits(IEvent* aEvent, int aNullLine, const char* aStoppedText);
     // Empties the list into aEvents (the caller holds the subclass's lock) and
     // destroys them afterwards with DestroyEvents, outside that lock.
     void TakeAllEvents_l(std::list<IEvent*>& aEvents);

@@ -69,13 +69,21 @@ EventQueueBase::~EventQueueBase() {
     EventQueueBase::DestoryPendingEvents();
 }
 
-int EventQueueBase::PostEvent(IEvent* aEvent) {
-    if (!SW_ASSERT_LINE(278, aEvent, "aEvent")) {
-        return COM_ERROR_FAILURE;
+bool EventQueueBase::Admits(IEvent* aEvent, int aNullLine, const char* aStoppedText) {
+    if (!SW_ASSERT_LINE(aNullLine, aEvent, "aEvent")) {
+        return false;
     }
     if (m_bStopped.load(std::memory_order_acquire)) {
-        SW_TRACE_ERROR("EventQueueBase::PostEvent, has been stopped., this=" << Addr(this));
+        // A refused event is still taken over: it ends here.
+        SW_TRACE_ERROR(aStoppedText << ", this=" << Addr(this));
         aEvent->OnDestorySelf();
+        return false;
+    }
+    return true;
+}
+
+int EventQueueBase::PostEvent(IEvent* aEvent) {
+    if (!Admits(aEvent, 278, "EventQueueBase::PostEvent, has been stopped.")) {
         return COM_ERROR_FAILURE;
     }
     m_Events.push_back(aEvent);
@@ -84,12 +92,7 @@ int EventQueueBase::PostEvent(IEvent* aEvent) {
 }
 
 int EventQueueBase::SendEvent(IEvent* aEvent) {
-    if (!SW_ASSERT_LINE(294, aEvent, "aEvent")) {
-        return COM_ERROR_FAILURE;
-    }
-    if (m_bStopped.load(std::memory_order_acquire)) {
-        SW_TRACE_ERROR("EventQueueBase::SendEvent, has been stopped., this=" << Addr(this));
-        aEvent->OnDestorySelf();
+    if (!Admits(aEvent, 294, "EventQueueBase::SendEvent, has been stopped.")) {
         return COM_ERROR_FAILURE;
     }
     if (pthread_equal(m_Tid.load(std::memory_order_acquire), pthread_self())) {

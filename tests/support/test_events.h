@@ -1,5 +1,5 @@
-// Events that account for themselves, and small waiting helpers, shared by the
-// tests of queues and threads.
+// Events and timer handlers that account for themselves, and small waiting
+// helpers, shared by the tests of queues, timers and threads.
 #ifndef SYSTEM_WRAPPERS_TESTS_TEST_EVENTS_H_
 #define SYSTEM_WRAPPERS_TESTS_TEST_EVENTS_H_
 
@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "ComEventQueue.h"
+#include "ComTimerQueue.h"
 
 // Waits for a condition set by another thread; the bound only stops a broken
 // test from hanging.
@@ -107,6 +108,30 @@ private:
     size_t m_id;
     std::string m_name;
     int m_result;
+    std::function<void()> m_action;
+};
+
+// Records its name in a ledger (when given) each time it fires; an optional
+// action runs inside OnTimeout.
+class RecordingHandler : public ITimerHandler {
+public:
+    explicit RecordingHandler(EventLedger* aLedger = nullptr, std::string aName = "T")
+        : m_ledger(aLedger), m_name(std::move(aName)) {}
+    void OnTimeout(const ComTimeValueType& aCurTime, void* aToken) override {
+        m_lastTime = aCurTime;
+        m_lastToken = aToken;
+        m_firedOn = pthread_self();
+        if (m_ledger) m_ledger->Record(m_name);
+        if (m_action) m_action();
+        ++m_fired;
+    }
+
+    EventLedger* m_ledger;
+    std::string m_name;
+    std::atomic<int> m_fired{0};
+    std::atomic<pthread_t> m_firedOn{0};
+    ComTimeValueType m_lastTime;
+    void* m_lastToken = nullptr;
     std::function<void()> m_action;
 };
 
