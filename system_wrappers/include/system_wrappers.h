@@ -5,6 +5,7 @@
 
 #include "ComBase.h"
 #include "ComRefCount.h"
+#include "ComSocket.h"
 #include "ComEventQueue.h"
 #include "ComTaskBase.h"
 #include "ComTaskThread.h"
