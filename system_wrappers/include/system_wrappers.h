@@ -8,8 +8,11 @@
 #include "ComSocket.h"
 #include "ComEventQueue.h"
 #include "ComTaskBase.h"
+#include "ComReactor.h"
 #include "ComTaskThread.h"
+#include "ComThreadManger.h"
 #include "ComTimerQueue.h"
+#include "ComTimerWrapper.h"
 #include "mtrace.h"
 
 #endif  // SYSTEM_WRAPPERS_SYSTEM_WRAPPERS_H_

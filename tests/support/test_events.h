@@ -12,7 +12,10 @@
 #include <thread>
 #include <vector>
 
+#include <dirent.h>
+
 #include "ComEventQueue.h"
+#include "ComTaskThread.h"
 #include "ComTimerQueue.h"
 
 // Waits for a condition set by another thread; the bound only stops a broken
@@ -133,6 +136,52 @@ public:
     ComTimeValueType m_lastTime;
     void* m_lastToken = nullptr;
     std::function<void()> m_action;
+};
+
+// Runs a function as an event.
+class FnEvent : public IEvent {
+public:
+    explicit FnEvent(std::function<void()> aFn) : m_fn(std::move(aFn)) {}
+    int OnEventFire() override {
+        m_fn();
+        return COM_OK;
+    }
+
+private:
+    std::function<void()> m_fn;
+};
+
+// Runs aFn on aThread and waits until it has run.
+inline int RunOn(BaseThread* aThread, std::function<void()> aFn) {
+    IEventQueue* queue = aThread->GetEventQueue();
+    return queue != nullptr ? queue->SendEvent(new FnEvent(std::move(aFn))) : COM_ERROR_FAILURE;
+}
+
+// Entries of a /proc/self directory: open descriptors ("fd") or threads ("task").
+inline int CountProcEntries(const char* aDir) {
+    const std::string path = std::string("/proc/self/") + aDir;
+    DIR* dir = opendir(path.c_str());
+    if (dir == nullptr) return -1;
+    int count = 0;
+    while (dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] != '.') ++count;
+    }
+    closedir(dir);
+    return count - (aDir[0] == 'f' ? 1 : 0);  // the descriptor of the listing itself
+}
+
+// What a test started with; a test that cleans up ends with the same.
+struct ProcessResources {
+    // A sanitizer runtime starts a helper thread with the first thread of the
+    // process; start one first so that helper is counted as already there.
+    bool warmedUp = (std::thread([] {}).join(), true);
+    int fds = CountProcEntries("fd");
+    int threads = CountProcEntries("task");
+    bool Same() const {
+        // Joined threads leave /proc a moment later on some kernels.
+        return fds == CountProcEntries("fd") &&
+               WaitUntil([this] { return threads == CountProcEntries("task"); });
+    }
 };
 
 #endif  // SYSTEM_WRAPPERS_TESTS_TEST_EVENTS_H_

@@ -1,0 +1,160 @@
+// The select() network reactor, its wake-up pipe and the thread that runs it.
+#ifndef SYSTEM_WRAPPERS_COM_REACTOR_H_
+#define SYSTEM_WRAPPERS_COM_REACTOR_H_
+
+#include <sys/select.h>
+
+#include <atomic>
+#include <map>
+
+#include "ComEventQueue.h"
+#include "ComSocket.h"
+#include "ComTaskThread.h"
+#include "ComTimerQueue.h"
+#include "sw_export.h"
+
+class ComNetReactor;
+
+// Anything registered with a reactor. Callbacks run on the reactor thread;
+// the reactor ignores their results.
+class SW_EXPORT ComReactorBase {
+public:
+    // Mask bits of register_handle; 1 and 8 both mean read interest.
+    enum {
+        READ_MASK = 1,
+        WRITE_MASK = 2,
+        READ_MASK_2 = 8,
+    };
+
+    virtual ~ComReactorBase();
+    virtual int on_input() = 0;
+    virtual int on_output() = 0;
+    // The reactor is shutting down and drops the handle.
+    virtual int on_close() = 0;
+    // Never called by the reactor.
+    virtual int on_exception();
+    virtual int get_handle() = 0;
+};
+
+// A connected pair of loopback TCP sockets, so the read end is an ordinary
+// socket descriptor that select() can watch.
+class SW_EXPORT ComPipe {
+public:
+    int open();
+    // -1 unless all of aLength went out.
+    int write(const char* aData, int aLength);
+    int read(char* aBuffer, int aLength);
+    int close();
+    int get_read_handle() const;
+
+    // [0]: read end (accepted, non-blocking); [1]: write end (blocking).
+    ComTcpClient _sockets[2];
+};
+
+// The reactor's wake-up handle: any thread writes a 4-byte token, and the
+// reactor thread reads it back in on_input and runs posted events.
+class SW_EXPORT ComPipeNotify : public ComReactorBase {
+public:
+    ComPipeNotify();
+    ~ComPipeNotify() override;
+
+    void set_reactor(ComNetReactor* aReactor);
+    // Opens the pipe and registers its read end for reading.
+    int open();
+    // Unregisters, closes the pipe and forgets the reactor for good.
+    int close();
+    // Safe from any thread.
+    int notify();
+
+    int on_input() override;
+    int on_output() override;
+    int on_close() override;
+    int get_handle() override;
+
+    ComPipe _pipe;
+    ComNetReactor* _reactor;  // not owned
+};
+
+// The reactor's event queue: a post that makes it non-empty wakes the loop.
+class SW_EXPORT ComEventQueueWithReactor : public ComEventQueueByMutex {
+public:
+    ComEventQueueWithReactor();
+    ~ComEventQueueWithReactor() override;
+
+    void SetReactor(ComNetReactor* aReactor);
+    int PostEvent(IEvent* aEvent) override;
+
+    ComNetReactor* m_pReactor;  // not owned
+};
+
+// The single-threaded select() loop. Everything but posting to its queue and
+// notify_handle runs on the reactor thread: the handle table has no lock.
+class SW_EXPORT ComNetReactor {
+public:
+    struct SW_EXPORT InScrNetElem {
+        InScrNetElem();
+        InScrNetElem(ComReactorBase* aHandler, long aMask);
+
+        ComReactorBase* m_pHandler;  // not owned
+        long m_lMask;
+    };
+
+    ComNetReactor();
+    virtual ~ComNetReactor();
+    ComNetReactor(const ComNetReactor&) = delete;
+    ComNetReactor& operator=(const ComNetReactor&) = delete;
+
+    virtual ComEventQueueWithReactor* get_event_queue();
+    virtual TimerQueueOrderedList* get_timer_queue();
+
+    // On the reactor thread: binds the queue to it and opens the wake-up pipe.
+    int init();
+    // Closes the pipe and the queue, and gives every handler its on_close.
+    int un_init();
+    // Re-registering a descriptor replaces its handler and mask.
+    int register_handle(ComReactorBase* aHandler, long aMask);
+    // Does not call on_close.
+    int unregister_handle(ComReactorBase* aHandler);
+    void clear_net_handle();
+    // Does not wake the loop; the caller makes select() return.
+    void set_stop_flag();
+    int notify_handle();
+    // Runs at most 5 posted events; asks for another turn if more are left.
+    int process_event();
+    // 0 after a stop, -2 with nothing to watch, -1 when select() fails.
+    int run_loop();
+    int build_socket_set(fd_set& aReadSet, fd_set& aWriteSet, int& aMaxHandle);
+    int process_handle(unsigned long aCount, fd_set& aReadSet, fd_set& aWriteSet);
+
+    ComEventQueueWithReactor m_EventQueue;
+    TimerQueueOrderedList m_TimerQueue;
+    ComPipeNotify m_PipeNotify;
+    std::atomic<bool> m_bStop;
+    std::map<int, InScrNetElem> m_Handles;
+};
+
+// A thread that runs one reactor, which it owns. Posting to it or scheduling
+// a timer on it runs the work on the reactor's loop.
+class SW_EXPORT ComReactorThread : public BaseThread, public IStopFlagAccess {
+public:
+    explicit ComReactorThread(ComNetReactor* aReactor);
+    ~ComReactorThread() override;
+
+    IEventQueue* GetEventQueue() override;
+    ITimerQueue* GetTimerQueue() override;
+    int OnThreadInit() override;
+    int OnThreadRun() override;
+    // Queues a stop event and returns at once.
+    int Stop(ComTimeValueType* aTimeout) override;
+    void SetStopFlag() override;
+
+    // Only on the reactor thread: in a handle callback, a timer or an event
+    // posted to this thread.
+    int RegisterHandle(ComReactorBase* aHandler, long aMask);
+    int UnRegisterHandle(ComReactorBase* aHandler);
+    void destroy_reactor();
+
+    ComNetReactor* _reactor;  // owned
+};
+
+#endif  // SYSTEM_WRAPPERS_COM_REACTOR_H_

@@ -1,0 +1,143 @@
+// The loopback socket pair that wakes a reactor, and the handle that reads it.
+#include "ComReactor.h"
+#include "sw_trace.h"
+
+namespace {
+
+const char kFile[] = "com_pipe";
+
+// The wake token: its content means nothing, one token is one wake-up.
+constexpr int kTokenSize = 4;
+
+const void* Addr(const void* aObject) {
+    return aObject;
+}
+
+// Closes the temporary listener on every path out of ComPipe::open.
+struct ListenerGuard {
+    ComTcpServer server;
+    ~ListenerGuard() { server.close(); }
+};
+
+}  // namespace
+
+#define SW_ASSERT_LINE(aLine, aCond, aText) SW_ASSERT_AT(kFile, aLine, aCond, aText)
+
+// ---------------------------------------------------------------------------
+// Pipe
+
+int ComPipe::open() {
+    SW_TRACE_INFO("[COM]:open, this=" << Addr(this));
+    ListenerGuard listener;
+    if (listener.server.open("127.0.0.1", 0) != 0) {
+        SW_TRACE_ERROR("[COM]:open, server open failed, this=" << Addr(this));
+        return -1;
+    }
+    sockaddr_in address = {};
+    if (listener.server.get_local_addr(address) != 0) {
+        SW_TRACE_ERROR("[COM]:open, get local address failed, this=" << Addr(this));
+        return -1;
+    }
+    ComTcpClient& writeEnd = _sockets[1];
+    ComTcpClient& readEnd = _sockets[0];
+    if (writeEnd.open_cn(nullptr, 0, &address) != 0) {
+        SW_TRACE_ERROR("[COM]:open, client connect failed, this=" << Addr(this));
+        writeEnd.close();  // a failed connect still holds its descriptor
+        return -1;
+    }
+    const int accepted = listener.server.accept();
+    if (accepted == -1) {
+        SW_TRACE_ERROR("[COM]:open, accept failed, this=" << Addr(this));
+        writeEnd.close();
+        return -1;
+    }
+    readEnd.assign(accepted);
+    const int res = readEnd.enable_nonblock();
+    if (!SW_ASSERT_LINE(__LINE__, res == 0, "res == 0")) {
+        // A blocking read end could hang the reactor: give the pair up.
+        close();
+    }
+    return res;
+}
+
+int ComPipe::write(const char* aData, int aLength) {
+    const int sent = _sockets[1].send(aData, aLength);
+    if (sent < aLength) {
+        SW_TRACE_ERROR("[COM]:write, sent=" << sent << ", this=" << Addr(this));
+        return -1;
+    }
+    return 0;
+}
+
+int ComPipe::read(char* aBuffer, int aLength) {
+    return _sockets[0].recv(aBuffer, aLength);
+}
+
+int ComPipe::close() {
+    _sockets[0].close();
+    _sockets[1].close();
+    return 0;
+}
+
+int ComPipe::get_read_handle() const {
+    return _sockets[0].get_socket();
+}
+
+// ---------------------------------------------------------------------------
+// Wake-up handle
+
+ComPipeNotify::ComPipeNotify() : _reactor(nullptr) {}
+
+ComPipeNotify::~ComPipeNotify() = default;
+
+void ComPipeNotify::set_reactor(ComNetReactor* aReactor) {
+    _reactor = aReactor;
+}
+
+int ComPipeNotify::open() {
+    if (!SW_ASSERT_LINE(__LINE__, _reactor != nullptr, "_reactor != NULL")) {
+        return -1;
+    }
+    const int rv = _pipe.open();
+    if (rv != 0) {
+        SW_TRACE_ERROR("[COM]:open, pipe open failed, this=" << Addr(this));
+        return rv;
+    }
+    return _reactor->register_handle(this, ComReactorBase::READ_MASK);
+}
+
+int ComPipeNotify::close() {
+    if (_reactor != nullptr) {
+        _reactor->unregister_handle(this);
+    }
+    _pipe.close();
+    _reactor = nullptr;
+    return 0;
+}
+
+int ComPipeNotify::notify() {
+    const char token[kTokenSize] = {};
+    return _pipe.write(token, kTokenSize);
+}
+
+int ComPipeNotify::on_input() {
+    if (!SW_ASSERT_LINE(__LINE__, _reactor != nullptr, "_reactor != NULL")) {
+        return -1;
+    }
+    // One token per call: posts write one per wake-up they need.
+    char token[kTokenSize];
+    _pipe.read(token, kTokenSize);
+    return _reactor->process_event();
+}
+
+int ComPipeNotify::on_output() {
+    return 0;
+}
+
+int ComPipeNotify::on_close() {
+    return 0;
+}
+
+int ComPipeNotify::get_handle() {
+    return _pipe.get_read_handle();
+}
