@@ -1,6 +1,6 @@
-#include <gtest/gtest.h>
+// The socket wrappers: result conventions, m_error and failure lines.
 #include <arpa/inet.h>
-#include <dirent.h>
+#include <gtest/gtest.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -10,24 +10,17 @@
 #include <vector>
 
 #include "ComSocket.h"
+#include "test_events.h"
 #include "trace_capture.h"
 
 namespace {
 
 const int kError = MTRACE_LEVEL_ERROR;
 
-int OpenFds() {
-    int n = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dir && readdir(dir)) ++n;
-    if (dir) closedir(dir);
-    return n;
-}
-
 // Fails the test if descriptors opened during its scope are still open.
 struct FdLeakCheck {
-    const int m_start = OpenFds();
-    ~FdLeakCheck() { EXPECT_EQ(m_start, OpenFds()) << "descriptors left open"; }
+    const int m_start = CountProcEntries("fd");
+    ~FdLeakCheck() { EXPECT_EQ(m_start, CountProcEntries("fd")) << "descriptors left open"; }
 };
 
 // "<aText><aErr>, this=<aObject>": the shape of every failed system call's line.

@@ -9,6 +9,8 @@
 
 #include "sw_trace.h"
 
+using sw::Addr;
+
 namespace {
 
 const char kFile[] = "ComTaskThread";
@@ -19,10 +21,6 @@ constexpr unsigned long kEventsPerPass = 5;
 
 // A timer count of all ones repeats for ever and is never decremented.
 constexpr unsigned long kCountForever = ULONG_MAX;
-
-const void* Addr(const void* aObject) {
-    return aObject;
-}
 
 int64_t ToUsec(const ComTimeValueType& aTime) {
     return static_cast<int64_t>(aTime.GetSec()) * 1000000 + aTime.GetUsec();
@@ -46,8 +44,6 @@ int DeliverUnlessStopped(bool aStopped, const void* aThread, const char* aStoppe
 }
 
 }  // namespace
-
-#define SW_ASSERT_LINE(aLine, aCond, aText) SW_ASSERT_AT(kFile, aLine, aCond, aText)
 
 // ---------------------------------------------------------------------------
 // Events and the event-queue base

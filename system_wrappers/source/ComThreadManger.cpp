@@ -6,13 +6,11 @@
 #include "ComReactor.h"
 #include "sw_trace.h"
 
+using sw::Addr;
+
 namespace {
 
 const char kFile[] = "ComThreadManger";
-
-const void* Addr(const void* aObject) {
-    return aObject;
-}
 
 // pthread_t is an integer handle on Linux; print it as one.
 unsigned long TidValue(pthread_t aTid) {
@@ -20,8 +18,6 @@ unsigned long TidValue(pthread_t aTid) {
 }
 
 }  // namespace
-
-#define SW_ASSERT_LINE(aLine, aCond, aText) SW_ASSERT_AT(kFile, aLine, aCond, aText)
 
 std::atomic<ComThreadManger*> ComThreadManger::s_ThreadManger(nullptr);
 CMyMutex ComThreadManger::s_Mutex;

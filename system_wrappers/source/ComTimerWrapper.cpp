@@ -4,17 +4,13 @@
 #include "ComThreadManger.h"
 #include "sw_trace.h"
 
+using sw::Addr;
+
 namespace {
 
 const char kFile[] = "ComTimerWrapper";
 
-const void* Addr(const void* aObject) {
-    return aObject;
-}
-
 }  // namespace
-
-#define SW_ASSERT_LINE(aLine, aCond, aText) SW_ASSERT_AT(kFile, aLine, aCond, aText)
 
 ComTimerWrapperSink::~ComTimerWrapperSink() = default;
 

@@ -2,16 +2,14 @@
 #include "ComReactor.h"
 #include "sw_trace.h"
 
+using sw::Addr;
+
 namespace {
 
 const char kFile[] = "com_pipe";
 
 // The wake token: its content means nothing, one token is one wake-up.
 constexpr int kTokenSize = 4;
-
-const void* Addr(const void* aObject) {
-    return aObject;
-}
 
 // Closes the temporary listener on every path out of ComPipe::open.
 struct ListenerGuard {
@@ -20,8 +18,6 @@ struct ListenerGuard {
 };
 
 }  // namespace
-
-#define SW_ASSERT_LINE(aLine, aCond, aText) SW_ASSERT_AT(kFile, aLine, aCond, aText)
 
 // ---------------------------------------------------------------------------
 // Pipe

@@ -7,6 +7,8 @@
 #include "ComReactor.h"
 #include "sw_trace.h"
 
+using sw::Addr;
+
 namespace {
 
 const char kFile[] = "com_reactor";
@@ -17,10 +19,6 @@ constexpr unsigned long kEventsPerWake = 5;
 // select() watches at most this many entries per turn.
 constexpr int kMaxWatched = 1024;
 
-const void* Addr(const void* aObject) {
-    return aObject;
-}
-
 // Only descriptors inside the fd_set may be put into one or tested: anything
 // else would write outside the set.
 bool FitsFdSet(int aHandle) {
@@ -28,8 +26,6 @@ bool FitsFdSet(int aHandle) {
 }
 
 }  // namespace
-
-#define SW_ASSERT_LINE(aLine, aCond, aText) SW_ASSERT_AT(kFile, aLine, aCond, aText)
 
 ComReactorBase::~ComReactorBase() = default;
 
@@ -49,17 +45,15 @@ void ComEventQueueWithReactor::SetReactor(ComNetReactor* aReactor) {
 }
 
 int ComEventQueueWithReactor::PostEvent(IEvent* aEvent) {
+    // The lock is recursive: the mutex queue's own post (and its failure
+    // line) runs inside it, so the emptiness test and the post are one step.
     PattAutoLock<CMyMutex> lock(m_Mutex);
     const bool wasEmpty = m_Events.empty();
-    const int rv = EventQueueBase::PostEvent(aEvent);
-    if (rv != COM_OK) {
-        SW_TRACE_ERROR("[COM]:PostEvent, failed, this=" << Addr(this));
-        return rv;
-    }
+    const int rv = ComEventQueueByMutex::PostEvent(aEvent);
     // One token per empty-to-non-empty transition; the reactor asks for the
     // next turn itself while events are left over. Written under the lock,
     // so it never races the reactor closing its pipe.
-    if (wasEmpty && m_pReactor != nullptr) {
+    if (rv == COM_OK && wasEmpty && m_pReactor != nullptr) {
         const int res = m_pReactor->notify_handle();
         SW_ASSERT_LINE(__LINE__, res == 0, "res == 0");
     }

@@ -4,17 +4,13 @@
 #include "ComReactor.h"
 #include "sw_trace.h"
 
+using sw::Addr;
+
 namespace {
 
 const char kFile[] = "com_reactor_thread";
 
-const void* Addr(const void* aObject) {
-    return aObject;
-}
-
 }  // namespace
-
-#define SW_ASSERT_LINE(aLine, aCond, aText) SW_ASSERT_AT(kFile, aLine, aCond, aText)
 
 ComReactorThread::ComReactorThread(ComNetReactor* aReactor)
     : BaseThread(TT_REACTOR), _reactor(aReactor) {}

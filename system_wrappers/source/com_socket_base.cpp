@@ -20,6 +20,8 @@ static_assert(offsetof(IOVECTOR, iov_base) == offsetof(iovec, iov_base),
 static_assert(offsetof(IOVECTOR, iov_len) == offsetof(iovec, iov_len),
               "IOVECTOR::iov_len must match iovec");
 
+using sw::Addr;
+
 namespace {
 
 const char kFile[] = "com_socket_base";
@@ -37,10 +39,6 @@ constexpr int kListenBacklog = 5;
 constexpr int kStatusFailure = -1;
 constexpr int kCountFailure = 0;
 
-const void* Addr(const void* aObject) {
-    return aObject;
-}
-
 const sockaddr* Raw(const sockaddr_in* aAddr) {
     return reinterpret_cast<const sockaddr*>(aAddr);
 }
@@ -50,8 +48,6 @@ sockaddr* Raw(sockaddr_in* aAddr) {
 }
 
 }  // namespace
-
-#define SW_ASSERT_LINE(aLine, aCond, aText) SW_ASSERT_AT(kFile, aLine, aCond, aText)
 
 namespace {
 

@@ -13,6 +13,11 @@ inline void WriteTrace(MTRACE_LEVEL_TYPE aLevel, const CMyTextFormat& aText) {
     CMyTrace_::Write(MTRACE_OUTPUT_CALLBACK, aLevel, text, length);
 }
 
+// Pointers in trace lines print as %p prints them: ", this=" << Addr(this).
+inline const void* Addr(const void* aObject) {
+    return aObject;
+}
+
 // Writes "system_wrappers/source/<aFile>: <aLine>, assert failed, <aExpr>" at
 // the error level. Assertions never stop the process.
 void TraceAssert(const char* aFile, int aLine, const char* aExpr);
@@ -35,5 +40,9 @@ void TraceAssert(const char* aFile, int aLine, const char* aExpr);
 // the source stem aFile and aLine, with aText as the asserted expression.
 #define SW_ASSERT_AT(aFile, aLine, aCond, aText) \
     ((aCond) ? true : (::sw::TraceAssert(aFile, aLine, aText), false))
+
+// The same, for a source that names its own stem in kFile
+// (const char kFile[] = "com_reactor";).
+#define SW_ASSERT_LINE(aLine, aCond, aText) SW_ASSERT_AT(kFile, aLine, aCond, aText)
 
 #endif  // SYSTEM_WRAPPERS_SOURCE_SW_TRACE_H_
