@@ -13,10 +13,6 @@ namespace {
 const int kError = MTRACE_LEVEL_ERROR;
 const char kAssertPrefix[] = "system_wrappers/source/ComTaskThread: [0-9]+, assert failed, ";
 
-int64_t Usec(const ComTimeValueType& aTime) {
-    return static_cast<int64_t>(aTime.GetSec()) * 1000000 + aTime.GetUsec();
-}
-
 ComTimeValueType Ms(long aMs) {
     return ComTimeValueType(0, aMs * 1000);
 }
@@ -41,27 +37,35 @@ TEST(TimerQueue, EqualDueTimesFireMostRecentlyInsertedFirst) {
         EXPECT_EQ(0, queue.PushNode_l(Node(&b, due)));
         // Replacing a's node moves it ahead of b.
         EXPECT_EQ(1, queue.PushNode_l(Node(&a, due)));
-        EXPECT_EQ(3u, queue.m_Nodes.size());
     }
     EXPECT_EQ(3, queue.CheckExpire(nullptr));
     EXPECT_EQ((std::vector<std::string>{"a", "b", "c"}), log.Order());
 }
 
+class CountingObserver : public IObserver {
+public:
+    void OnObserve(const char* aTopic, void* aData) override {
+        topics.push_back(std::string(aTopic) + (aData ? "+data" : ""));
+    }
+    std::vector<std::string> topics;
+};
+
 TEST(TimerQueue, RescheduleReplacesAndReportsFailure) {
     TraceCapture trace;
-    RecordingHandler h;
-    TimerQueueOrderedList queue(nullptr);
-    int token = 0;
-    EXPECT_EQ(COM_OK, queue.ScheduleTimer(&h, &token, ComTimeValueType(100, 0), 1));
+    CountingObserver observer;
+    TimerQueueOrderedList queue(&observer);
+    RecordingHandler h, early;
+    EXPECT_EQ(COM_OK, queue.ScheduleTimer(&h, nullptr, ComTimeValueType(100, 0), 1));
     const ComTimeValueType before = ComTimeValueType::GetTimeOfDay();
-    EXPECT_EQ(COM_ERROR_FAILURE, queue.ScheduleTimer(&h, &token, ComTimeValueType(200, 0), 1));
+    EXPECT_EQ(COM_ERROR_FAILURE, queue.ScheduleTimer(&h, nullptr, ComTimeValueType(200, 0), 1));
     EXPECT_EQ(1u, queue.m_Nodes.size());
     EXPECT_TRUE(queue.GetEarliestTime() >= before + ComTimeValueType(200, 0));
-    EXPECT_EQ(0u, trace.Lines().size());
-
+    // Earlier than the earliest, but the queue was not empty: the observer is not told.
+    EXPECT_EQ(COM_OK, queue.ScheduleTimer(&early, nullptr, ComTimeValueType(1, 0), 1));
     EXPECT_EQ(COM_OK, queue.CancelTimer(&h));
     EXPECT_EQ(COM_ERROR_FAILURE, queue.CancelTimer(&h));
-    EXPECT_EQ(0u, trace.Lines().size());  // not scheduled: silent
+    EXPECT_EQ(0u, trace.Lines().size());  // re-scheduling, and cancelling nothing, are silent
+    EXPECT_EQ(COM_OK, queue.CancelTimer(&early));
     EXPECT_TRUE(queue.GetEarliestTime() == ComTimeValueType::s_tvMax);
 
     EXPECT_EQ(COM_ERROR_FAILURE, queue.ScheduleTimer(nullptr, nullptr, Ms(1), 1));
@@ -73,20 +77,30 @@ TEST(TimerQueue, RescheduleReplacesAndReportsFailure) {
                       kError, std::string(kAssertPrefix) +
                                   "aInterval > ComTimeValueType::s_tvZero \\|\\| aCount == 1"));
     EXPECT_TRUE(queue.m_Nodes.empty());
+    EXPECT_EQ(COM_OK, queue.ScheduleTimer(&h, nullptr, ComTimeValueType(10, 0), 1));
+    EXPECT_EQ((std::vector<std::string>{"TimerQueue", "TimerQueue"}), observer.topics);
 }
 
-TEST(TimerQueue, CountsAndRemainingTime) {
+TEST(TimerQueue, CountsRemainingTimeAndHandlersThatChangeThemselves) {
     TimerQueueOrderedList queue(nullptr);
     ComTimeValueType remain;
     EXPECT_EQ(0, queue.CheckExpire(&remain));
     EXPECT_TRUE(remain == ComTimeValueType::s_tvMax);
 
-    RecordingHandler once, three, forever, later;
+    RecordingHandler once, three, forever, later, cancelling, rescheduling;
+    cancelling.m_action = [&] { EXPECT_EQ(COM_OK, queue.CancelTimer(&cancelling)); };
+    rescheduling.m_action = [&] {
+        // Re-arming itself replaces the node re-armed before the callback.
+        EXPECT_EQ(COM_ERROR_FAILURE,
+                  queue.ScheduleTimer(&rescheduling, nullptr, ComTimeValueType(3600, 0), 1));
+    };
     int token = 0;
     ASSERT_EQ(COM_OK, queue.ScheduleTimer(&once, &token, ComTimeValueType(0, 0), 1));
     ASSERT_EQ(COM_OK, queue.ScheduleTimer(&three, nullptr, Ms(1), 3));
     ASSERT_EQ(COM_OK, queue.ScheduleTimer(&forever, nullptr, Ms(1), 0));
     ASSERT_EQ(COM_OK, queue.ScheduleTimer(&later, nullptr, ComTimeValueType(3600, 0), 1));
+    ASSERT_EQ(COM_OK, queue.ScheduleTimer(&cancelling, nullptr, Ms(1), 0));
+    ASSERT_EQ(COM_OK, queue.ScheduleTimer(&rescheduling, nullptr, Ms(1), 0));
 
     // A zero-interval one-shot fires at the next check, with its token and
     // the time read at the start of the check.
@@ -98,17 +112,21 @@ TEST(TimerQueue, CountsAndRemainingTime) {
 
     ASSERT_TRUE(WaitUntil([&] {
         queue.CheckExpire(&remain);
-        return forever.m_fired.load() >= 10;
+        return forever.m_fired.load() >= 10 && cancelling.m_fired.load() > 0 &&
+               rescheduling.m_fired.load() > 0;
     }));
+    ASSERT_EQ(COM_OK, queue.CancelTimer(&forever));
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));  // a 1 ms timer left would be due
+    EXPECT_EQ(0, queue.CheckExpire(&remain));
     EXPECT_EQ(1, once.m_fired.load());
     EXPECT_EQ(3, three.m_fired.load());
     EXPECT_EQ(0, later.m_fired.load());
-    EXPECT_EQ(2u, queue.m_Nodes.size());  // forever and later remain
-
-    ASSERT_EQ(COM_OK, queue.CancelTimer(&forever));
-    EXPECT_EQ(0, queue.CheckExpire(&remain));
+    EXPECT_EQ(1, cancelling.m_fired.load());
+    EXPECT_EQ(1, rescheduling.m_fired.load());
     EXPECT_TRUE(remain > ComTimeValueType(3500, 0));
     EXPECT_TRUE(remain <= ComTimeValueType(3600, 0));
+    ASSERT_EQ(2u, queue.m_Nodes.size());  // later, and the one-shot that replaced rescheduling's
+    for (const TimerQueueBase::CNode& node : queue.m_Nodes) EXPECT_EQ(1u, node.m_dwCount);
 }
 
 TEST(TimerQueue, LateCheckSkipsMissedPeriods) {
@@ -121,53 +139,9 @@ TEST(TimerQueue, LateCheckSkipsMissedPeriods) {
     const ComTimeValueType next = queue.GetEarliestTime();
     // Anchored on the old due time, strictly after the check's clock reading,
     // and no more than one period after it.
-    EXPECT_EQ(0, (Usec(next) - Usec(firstDue)) % 10000);
+    EXPECT_EQ(0, (next - firstDue).GetUsec() % 10000);
     EXPECT_TRUE(next > h.m_lastTime);
     EXPECT_TRUE(next <= h.m_lastTime + Ms(10));
-}
-
-TEST(TimerQueue, HandlersCancelAndRescheduleThemselves) {
-    TimerQueueOrderedList queue(nullptr);
-    RecordingHandler cancelling, rescheduling;
-    cancelling.m_action = [&] { EXPECT_EQ(COM_OK, queue.CancelTimer(&cancelling)); };
-    rescheduling.m_action = [&] {
-        // Re-arming itself replaces the node re-armed before the callback.
-        EXPECT_EQ(COM_ERROR_FAILURE,
-                  queue.ScheduleTimer(&rescheduling, nullptr, ComTimeValueType(3600, 0), 1));
-    };
-    ASSERT_EQ(COM_OK, queue.ScheduleTimer(&cancelling, nullptr, Ms(1), 0));
-    ASSERT_EQ(COM_OK, queue.ScheduleTimer(&rescheduling, nullptr, Ms(1), 0));
-    ASSERT_TRUE(WaitUntil([&] {
-        queue.CheckExpire(nullptr);
-        return cancelling.m_fired.load() > 0 && rescheduling.m_fired.load() > 0;
-    }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    EXPECT_EQ(0, queue.CheckExpire(nullptr));
-    EXPECT_EQ(1, cancelling.m_fired.load());
-    EXPECT_EQ(1, rescheduling.m_fired.load());
-    ASSERT_EQ(1u, queue.m_Nodes.size());
-    EXPECT_EQ(&rescheduling, queue.m_Nodes.front().m_pEh);
-    EXPECT_EQ(1u, queue.m_Nodes.front().m_dwCount);
-}
-
-class CountingObserver : public IObserver {
-public:
-    void OnObserve(const char* aTopic, void* aData) override {
-        topics.push_back(std::string(aTopic) + (aData ? "+data" : ""));
-    }
-    std::vector<std::string> topics;
-};
-
-TEST(TimerQueue, ObserverHearsOnlyEmptyToNonEmpty) {
-    CountingObserver observer;
-    TimerQueueOrderedList queue(&observer);
-    RecordingHandler a, b;
-    queue.ScheduleTimer(&a, nullptr, ComTimeValueType(10, 0), 1);
-    queue.ScheduleTimer(&b, nullptr, ComTimeValueType(1, 0), 1);  // earlier, but not empty
-    queue.CancelTimer(&a);
-    queue.CancelTimer(&b);
-    queue.ScheduleTimer(&a, nullptr, ComTimeValueType(10, 0), 1);
-    EXPECT_EQ((std::vector<std::string>{"TimerQueue", "TimerQueue"}), observer.topics);
 }
 
 TEST(TimerQueue, OtherThreadsMayScheduleWhileTheOwnerFires) {

@@ -18,12 +18,6 @@ namespace fs = std::filesystem;
 
 const char kEndLine[] = "=============================== end of this file ====================\n";
 
-std::string Text(const CMyTextFormat& aFormat) {
-    unsigned int length = 0;
-    const char* text = aFormat.GetContent(length);
-    return std::string(text, length);
-}
-
 std::string ReadFile(const fs::path& aPath) {
     std::stringstream ss;
     ss << std::ifstream(aPath).rdbuf();
@@ -46,15 +40,16 @@ TEST(CMyTextFormat, OperandFormatsAndTheCapacity) {
       << static_cast<unsigned short>(65535) << '|' << 4294967295u << '|' << -7L << '|'
       << 18446744073709551615UL << '|' << -9LL << '|' << 9ULL << '|' << 1.5 << '|'
       << static_cast<const void*>(nullptr) << '|' << static_cast<const char*>(nullptr);
+    unsigned int length = 0;
+    const char* text = f.GetContent(length);
     EXPECT_EQ("A10|-56|txt|-42|65535|4294967295|-7|18446744073709551615|-9|9|1.500000|(nil)|(nil)",
-              Text(f));
+              std::string(text, length));
 
     CMyTextFormat full;
     const std::string head(1000, 'a');
     full << head.c_str() << std::string(30, 'b').c_str();  // does not fit: cut, and full
     full << "ignored" << 12345;
-    unsigned int length = 0;
-    const char* text = full.GetContent(length);
+    text = full.GetContent(length);
     EXPECT_EQ(1024u, length);
     EXPECT_EQ(head + std::string(23, 'b'), std::string(text));
 }
@@ -69,8 +64,17 @@ TEST(CMyTrace, LineShapeLevelLettersAndCallbackArguments) {
         Write(MTRACE_OUTPUT_CALLBACK, 1, "other thread");
     }).join();
 
+    // Exactly the given length is taken; a long text is cut at the line limit.
+    CMyTrace_::Write(MTRACE_OUTPUT_CALLBACK, MTRACE_LEVEL_INFO, "abcdef", 3);
+    Write(MTRACE_OUTPUT_CALLBACK, 1, "");
+    Write(MTRACE_OUTPUT_CALLBACK, 1, std::string(600, 'x'));
+    CMyTrace_::UpdateOutputSysLogLevel(3);  // no effect: nothing is filtered by level
+    Write(MTRACE_OUTPUT_CALLBACK, 0, "debug");
+    CMyTrace_::SetLogCallback(nullptr);
+    Write(MTRACE_OUTPUT_CALLBACK, 1, "lost");
+
     std::vector<CapturedLine> lines = capture.Lines();
-    ASSERT_EQ(6u, lines.size());
+    ASSERT_EQ(10u, lines.size());
     const std::string ids = std::to_string(getpid()) + ":" + std::to_string(syscall(SYS_gettid));
     for (size_t i = 0; i < 5; ++i) {
         EXPECT_EQ(7, lines[i].tag);
@@ -81,6 +85,11 @@ TEST(CMyTrace, LineShapeLevelLettersAndCallbackArguments) {
         EXPECT_TRUE(std::regex_match(lines[i].line, std::regex(shape))) << lines[i].line;
     }
     EXPECT_NE(std::string::npos, lines[5].line.find(":" + otherTid + "] "));
+    EXPECT_TRUE(IsLine(lines[6].line, "abc"));
+    EXPECT_TRUE(IsLine(lines[7].line, ""));
+    EXPECT_EQ(513u, lines[8].line.size());  // 512 with the prefix, then the newline
+    EXPECT_TRUE(IsLine(lines[8].line, "x+"));
+    EXPECT_TRUE(IsLine(lines[9].line, "debug"));
 
     // Uptime from the monotonic clock, not the wall clock.
     timespec now;
@@ -88,25 +97,6 @@ TEST(CMyTrace, LineShapeLevelLettersAndCallbackArguments) {
     long seconds = std::stol(lines[0].line.substr(lines[0].line.find("] ") + 2));
     EXPECT_LE(seconds, now.tv_sec);
     EXPECT_GE(seconds, now.tv_sec - 60);
-}
-
-TEST(CMyTrace, TextIsTakenByLengthAndCutAtTheLineLimit) {
-    TraceCapture capture;
-    CMyTrace_::Write(MTRACE_OUTPUT_CALLBACK, MTRACE_LEVEL_INFO, "abcdef", 3);
-    Write(MTRACE_OUTPUT_CALLBACK, 1, "");
-    Write(MTRACE_OUTPUT_CALLBACK, 1, std::string(600, 'x'));
-    CMyTrace_::UpdateOutputSysLogLevel(3);  // no effect: nothing is filtered by level
-    Write(MTRACE_OUTPUT_CALLBACK, 0, "debug");
-    CMyTrace_::SetLogCallback(nullptr);
-    Write(MTRACE_OUTPUT_CALLBACK, 1, "lost");
-
-    std::vector<CapturedLine> lines = capture.Lines();
-    ASSERT_EQ(4u, lines.size());
-    EXPECT_TRUE(IsLine(lines[0].line, "abc"));
-    EXPECT_TRUE(IsLine(lines[1].line, ""));
-    EXPECT_EQ(513u, lines[2].line.size());  // 512 with the prefix, then the newline
-    EXPECT_TRUE(IsLine(lines[2].line, "x+"));
-    EXPECT_TRUE(IsLine(lines[3].line, "debug"));
 }
 
 // Tests that write trace files run in a fresh temporary working directory.
@@ -138,41 +128,8 @@ TEST_F(TraceFiles, FacadeDestinations) {
     fflush(stdout);
     std::string out = testing::internal::GetCapturedStdout();
     EXPECT_TRUE(IsLine(out, "to stdout") && out[1] == 'E') << out;
-}
 
-TEST_F(TraceFiles, RotatesPastTheThresholdAndEmptiesTheFileItReturnsTo) {
-    CMyTraceImpl_ impl(MTRACE_LEVEL_INFO, nullptr, 512, 1, 2, 100);
-    const std::string line = std::string(49, 'a') + "\n", big = std::string(120, 'b') + "\n";
-    impl.WriteToFile(line.c_str(), 50);
-    impl.WriteToFile(line.c_str(), 50);  // exactly the threshold: no rotation
-    EXPECT_EQ(0u, impl.m_fileIndex);
-    impl.WriteToFile(line.c_str(), 50);  // past it: end line, close, next index
-    EXPECT_EQ(line + line + line + kEndLine, ReadFile("zemtrace_linux_0.log"));
-    EXPECT_EQ(1u, impl.m_fileIndex);
-    EXPECT_FALSE(fs::exists("zemtrace_linux_1.log"));  // opened by the next line
-
-    impl.WriteToFile(big.c_str(), 121);
-    EXPECT_EQ(big + kEndLine, ReadFile("zemtrace_linux_1.log"));
-    impl.WriteToFile("c\n", 2);  // back to file 0, which is emptied
-    EXPECT_EQ("c\n", ReadFile("zemtrace_linux_0.log"));
-}
-
-TEST_F(TraceFiles, FlushIntervalAndFailedOpens) {
-    CMyTraceImpl_ impl(MTRACE_LEVEL_INFO, "flush", 512, 3, 2, 1u << 20);
-    impl.WriteToFile("one\n", 4);
-    impl.WriteToFile("two\n", 4);
-    EXPECT_EQ("", ReadFile("flush_linux_0.log"));  // still buffered
-    impl.WriteToFile("three\n", 6);
-    EXPECT_EQ("one\ntwo\nthree\n", ReadFile("flush_linux_0.log"));
-
-    CMyTraceImpl_ blocked(MTRACE_LEVEL_INFO, "no_dir/x", 512, 1, 2, 1u << 20);
-    blocked.WriteToFile("dropped\n", 8);
-    fs::create_directory("no_dir");
-    blocked.WriteToFile("kept\n", 5);  // every line tries to open again
-    EXPECT_EQ("kept\n", ReadFile("no_dir/x_linux_0.log"));
-}
-
-TEST_F(TraceFiles, PrefixLongerThanTheLineLimit) {
+    // A prefix longer than the line limit drops the line, with a note on stdout.
     TraceCapture capture;
     CMyTraceImpl_ tiny(MTRACE_LEVEL_INFO, "tiny", 10, 1, 2, 1000);
     tiny.m_logCallback = CMyTraceImpl_::s_LogInstance.load()->m_logCallback.load();
@@ -181,6 +138,33 @@ TEST_F(TraceFiles, PrefixLongerThanTheLineLimit) {
     fflush(stdout);
     EXPECT_EQ("logwrite, outof memory\n", testing::internal::GetCapturedStdout());
     EXPECT_TRUE(capture.Lines().empty());
+}
+
+TEST_F(TraceFiles, RotationFlushIntervalAndFailedOpens) {
+    CMyTraceImpl_ impl(MTRACE_LEVEL_INFO, nullptr, 512, 1, 2, 100);
+    const std::string line = std::string(49, 'a') + "\n", big = std::string(120, 'b') + "\n";
+    impl.WriteToFile(line.c_str(), 50);
+    impl.WriteToFile(line.c_str(), 50);  // exactly the threshold: no rotation
+    impl.WriteToFile(line.c_str(), 50);  // past it: end line, close, next index
+    EXPECT_EQ(line + line + line + kEndLine, ReadFile("zemtrace_linux_0.log"));
+    EXPECT_FALSE(fs::exists("zemtrace_linux_1.log"));  // opened by the next line
+    impl.WriteToFile(big.c_str(), 121);
+    EXPECT_EQ(big + kEndLine, ReadFile("zemtrace_linux_1.log"));
+    impl.WriteToFile("c\n", 2);  // back to file 0, which is emptied
+    EXPECT_EQ("c\n", ReadFile("zemtrace_linux_0.log"));
+
+    CMyTraceImpl_ flush(MTRACE_LEVEL_INFO, "flush", 512, 3, 2, 1u << 20);
+    flush.WriteToFile("one\n", 4);
+    flush.WriteToFile("two\n", 4);
+    EXPECT_EQ("", ReadFile("flush_linux_0.log"));  // still buffered
+    flush.WriteToFile("three\n", 6);
+    EXPECT_EQ("one\ntwo\nthree\n", ReadFile("flush_linux_0.log"));
+
+    CMyTraceImpl_ blocked(MTRACE_LEVEL_INFO, "no_dir/x", 512, 1, 2, 1u << 20);
+    blocked.WriteToFile("dropped\n", 8);
+    fs::create_directory("no_dir");
+    blocked.WriteToFile("kept\n", 5);  // every line tries to open again
+    EXPECT_EQ("kept\n", ReadFile("no_dir/x_linux_0.log"));
 }
 
 TEST_F(TraceFiles, ConcurrentWritersKeepLinesWhole) {

@@ -1,5 +1,4 @@
 // The select() network reactor and its event queue.
-#include <errno.h>
 #include <sys/time.h>
 
 #include <vector>
