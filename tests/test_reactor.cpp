@@ -64,17 +64,6 @@ struct EchoListener : CountingHandle {
     std::vector<std::unique_ptr<EchoConnection>> connections;
 };
 
-std::string RecvExactly(ComTcpClient& aSocket, size_t aLength) {
-    std::string data;
-    char buffer[256];
-    while (data.size() < aLength) {
-        const int n = aSocket.recv(buffer, static_cast<int>(aLength - data.size()));
-        if (n <= 0) break;
-        data.append(buffer, static_cast<size_t>(n));
-    }
-    return data;
-}
-
 // The syscall a thread sleeps in and its fifth argument (select's time-out).
 std::pair<std::string, std::string> SleepingSyscall(pid_t aTid) {
     std::ifstream file("/proc/self/task/" + std::to_string(aTid) + "/syscall");

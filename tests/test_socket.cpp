@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <string>
@@ -26,18 +25,6 @@ struct FdLeakCheck {
 // "<aText><aErr>, this=<aObject>": the shape of every failed system call's line.
 std::string Failed(const char* aText, unsigned long aErr, const void* aObject) {
     return aText + std::to_string(aErr) + This(aObject);
-}
-
-// Up to aLength bytes from a non-blocking socket, waiting for each part; less at end of stream.
-std::string RecvExactly(ComSocketBase& aSock, size_t aLength) {
-    std::string data(aLength, '\0');
-    size_t got = 0;
-    for (pollfd p{aSock.get_socket(), POLLIN, 0}; got < aLength && poll(&p, 1, 30000) == 1;) {
-        const int n = aSock.recv(&data[got], static_cast<int>(aLength - got));
-        if (n == 0) break;
-        got += n;
-    }
-    return data.substr(0, got);
 }
 
 TEST(ComSocket, EmptyObjectIsRefusedWithoutSystemCalls) {

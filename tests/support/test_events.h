@@ -13,8 +13,10 @@
 #include <vector>
 
 #include <dirent.h>
+#include <poll.h>
 
 #include "ComEventQueue.h"
+#include "ComSocket.h"
 #include "ComTaskThread.h"
 #include "ComTimerQueue.h"
 
@@ -155,6 +157,19 @@ private:
 inline int RunOn(BaseThread* aThread, std::function<void()> aFn) {
     IEventQueue* queue = aThread->GetEventQueue();
     return queue != nullptr ? queue->SendEvent(new FnEvent(std::move(aFn))) : COM_ERROR_FAILURE;
+}
+
+// Up to aLength bytes from a socket (blocking or not), waiting for each part; less at end of
+// stream.
+inline std::string RecvExactly(ComSocketBase& aSock, size_t aLength) {
+    std::string data(aLength, '\0');
+    size_t got = 0;
+    for (pollfd p{aSock.get_socket(), POLLIN, 0}; got < aLength && poll(&p, 1, 30000) == 1;) {
+        const int n = aSock.recv(&data[got], static_cast<int>(aLength - got));
+        if (n == 0) break;
+        got += n;
+    }
+    return data.substr(0, got);
 }
 
 // Entries of a /proc/self directory: open descriptors ("fd") or threads ("task").
