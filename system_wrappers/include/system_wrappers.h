@@ -14,5 +14,6 @@
 #include "ComTimerQueue.h"
 #include "ComTimerWrapper.h"
 #include "mtrace.h"
+#include "ComMessageBlock.h"
 
 #endif  // SYSTEM_WRAPPERS_SYSTEM_WRAPPERS_H_
