@@ -15,5 +15,6 @@
 #include "ComTimerWrapper.h"
 #include "mtrace.h"
 #include "ComMessageBlock.h"
+#include "ZemFile.h"
 
 #endif  // SYSTEM_WRAPPERS_SYSTEM_WRAPPERS_H_
