@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "mtrace.h"
+#include "webrtc_trace.h"
 
 namespace {
 
@@ -29,12 +30,14 @@ void ExitIfSilentForGood() {
     Write(MTRACE_OUTPUT_CALLBACK);
     Write(MTRACE_OUTPUT_FILE);
     Write(MTRACE_OUTPUT_STDOUT);
+    webrtc::Trace::Add(webrtc::kTraceError, webrtc::kTraceModuleGeneral, 1, "lost");
     CMyTrace_::DestroyTrace();  // a second destroy is harmless
     bool noFile = unlink("zemtrace_linux_0.log") != 0;
     char dir[4096];
     if (getcwd(dir, sizeof(dir))) rmdir(dir);
     bool silent = gCalls == 0 && noFile &&
-                  !CMyTraceImpl_::Instance(MTRACE_LEVEL_INFO, "zemtrace", 512, 1, 2, 100);
+                  !CMyTraceImpl_::Instance(MTRACE_LEVEL_INFO, "zemtrace", 512, 1, 2, 100) &&
+                  !webrtc::Trace::CreateTrace();
     fflush(stdout);
     exit(silent ? 0 : 1);
 }
