@@ -16,6 +16,7 @@
 #include "mtrace.h"
 #include "ComMessageBlock.h"
 #include "ZemFile.h"
+#include "webrtc_cpu.h"
 #include "webrtc_trace.h"
 
 #endif  // SYSTEM_WRAPPERS_SYSTEM_WRAPPERS_H_
