@@ -13,13 +13,15 @@
 #include "ComBase.h"
 #include "sw_export.h"
 
-enum MTRACE_OUTPUT_WHERE_TYPE {
+// Both enumerations have a fixed underlying type, so every int value the
+// rules below give a meaning to is a valid value of the type.
+enum MTRACE_OUTPUT_WHERE_TYPE : int {
     MTRACE_OUTPUT_STDOUT = 0,
     MTRACE_OUTPUT_FILE = 1,  // every value other than 0 and 5 selects the file too
     MTRACE_OUTPUT_CALLBACK = 5,
 };
 
-enum MTRACE_LEVEL_TYPE {
+enum MTRACE_LEVEL_TYPE : int {
     MTRACE_LEVEL_DEBUG = 0,
     MTRACE_LEVEL_INFO = 1,
     MTRACE_LEVEL_WARNING = 2,
