@@ -14,6 +14,7 @@
 #include "ComTimerQueue.h"
 #include "ComTimerWrapper.h"
 #include "mtrace.h"
+#include "mtrace_shared_mem.h"
 #include "ComMessageBlock.h"
 #include "ZemFile.h"
 #include "webrtc_cpu.h"

@@ -1,0 +1,193 @@
+// The shared-memory log channel: text between processes, ring placement, the
+// level filter, readers, and that no segment or semaphore outlives a test.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+
+#include "mtrace_shared_mem.h"
+
+namespace {
+
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+int Put(SharedMemImpl& aShm, const std::string& aText,
+        MTRACE_LEVEL_TYPE aLevel = MTRACE_LEVEL_ERROR) {
+    return aShm.Write(reinterpret_cast<const unsigned char*>(aText.data()),
+                      static_cast<unsigned int>(aText.size()), aLevel);
+}
+
+// At most aSize bytes; "<failed>" for -1. No gtest calls: usable in a forked child.
+std::string Get(SharedMemImpl& aShm, unsigned int aSize = 1000) {
+    std::string buffer(aSize + 1, 'x');
+    const int count = aShm.Read(reinterpret_cast<unsigned char*>(&buffer[0]), aSize);
+    if (count < 0) return "<failed>";
+    return buffer[count] == 0 ? buffer.substr(0, count) : "<unterminated>";
+}
+
+// Each test gets a channel keyed by a fresh file and must leave no IPC object.
+class SharedMemTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const int fd = mkstemp(m_path);
+        ASSERT_NE(-1, fd);
+        close(fd);
+        gSharedMemName = m_path;
+    }
+    void TearDown() override {
+        const int shm = shmget(ftok(m_path, 83), 0, 0);
+        EXPECT_TRUE(shm == -1 && errno == ENOENT) << "segment left behind";
+        const int sem = semget(ftok(m_path, 109), 1, 0);
+        EXPECT_TRUE(sem == -1 && errno == ENOENT) << "semaphore left behind";
+        if (shm != -1) shmctl(shm, IPC_RMID, nullptr);
+        if (sem != -1) semctl(sem, 0, IPC_RMID);
+        gSharedMemName = m_savedName;
+        unlink(m_path);
+    }
+    static SharedMemInfoByLog* Header(const SharedMemImpl& aShm) {
+        return static_cast<SharedMemInfoByLog*>(aShm._shbAddr);
+    }
+
+    char m_path[32] = "/tmp/test_shared_mem_XXXXXX";
+    const char* const m_savedName = gSharedMemName;
+};
+
+TEST_F(SharedMemTest, WriterAndReaderProcessesExchangeText) {
+    SharedMemImpl writer(true);
+    ASSERT_TRUE(writer.IsGood());
+    fflush(stdout);
+    const pid_t pid = fork();
+    ASSERT_NE(-1, pid);
+    if (pid == 0) {
+        alarm(60);  // a stuck channel must not hang the test
+        int code = 1;
+        {
+            SharedMemImpl reader(false);
+            std::string text;
+            for (int i = 0; i < 30000 && reader.IsGood() && text.size() < 13; ++i, usleep(1000))
+                text += Get(reader);
+            if (text == "first\nsecond\n" && Put(reader, "ack") == 3) code = 0;
+        }
+        fflush(stdout);
+        _exit(code);
+    }
+    EXPECT_EQ(6, Put(writer, "first\n"));
+    usleep(20000);
+    EXPECT_EQ(7, Put(writer, "second\n"));
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ("ack", Get(writer));  // the writer reads on from its newest text
+}
+
+TEST_F(SharedMemTest, WriteWrapsAtTheRingEndAndCutsOverlongText) {
+    SharedMemImpl shm(true), reader(false);
+    const unsigned int ring = shm._shLen;
+    EXPECT_EQ(static_cast<unsigned int>(getpagesize()) * 64 - 20, ring);
+    SharedMemInfoByLog* header = Header(shm);
+    const char* bytes = reinterpret_cast<const char*>(shm._shPtr);
+
+    header->UpdateWriteOffset(ring - 5);
+    EXPECT_EQ(10, Put(shm, "0123456789"));
+    EXPECT_EQ("01234", std::string(bytes + ring - 5, 5));
+    EXPECT_EQ(std::string("56789", 6), std::string(bytes, 6));
+    EXPECT_EQ(5u, header->GetWriteOffset());
+    reader._currPtr = reader._shPtr + ring - 5;
+    EXPECT_EQ("0123456789", Get(reader));  // reading wraps as well
+
+    header->UpdateWriteOffset(ring - 5);
+    EXPECT_EQ(5, Put(shm, "abcde"));
+    EXPECT_EQ(0u, header->GetWriteOffset());
+    EXPECT_EQ(0, bytes[0]);
+
+    const std::string big(ring, 'z');
+    CaptureStdout();
+    EXPECT_EQ(static_cast<int>(ring - 1), Put(shm, big));
+    EXPECT_EQ("write to much data to shared memory once, conlen=" + std::to_string(ring) + "\n",
+              GetCapturedStdout());
+    reader._currPtr = reader._shPtr;
+    EXPECT_EQ(big.substr(1), Get(reader, ring));
+}
+
+TEST_F(SharedMemTest, HeaderLevelFiltersWrites) {
+    SharedMemImpl shm(true);
+    EXPECT_EQ(7u, Header(shm)->m_level);
+    EXPECT_EQ(6u, SharedMemImpl::MatchPublicLevel(static_cast<MTRACE_LEVEL_TYPE>(9)));
+    EXPECT_EQ(0, shm.UpdateFlag(0, MTRACE_LEVEL_ERROR));
+    EXPECT_EQ(0, Put(shm, "warn", MTRACE_LEVEL_WARNING));
+    EXPECT_EQ(0, Put(shm, "info", MTRACE_LEVEL_INFO));
+    EXPECT_EQ(0, shm._shPtr[0]);
+    EXPECT_EQ(5, Put(shm, "error", MTRACE_LEVEL_ERROR));
+
+    CaptureStdout();
+    EXPECT_EQ(-1, shm.UpdateFlag(0, 5));
+    EXPECT_EQ("update flag, no flag update\n", GetCapturedStdout());
+    EXPECT_EQ(3u, Header(shm)->m_level);
+    EXPECT_EQ(1, semctl(shm._semaphore._semId, 0, GETVAL));  // released
+}
+
+TEST_F(SharedMemTest, LateReaderStartsAtRingStartAndReadsInParts) {
+    SharedMemImpl writer(true);
+    EXPECT_EQ(3, Put(writer, "abc"));
+    SharedMemImpl reader(false);
+    EXPECT_EQ("abc", Get(reader));
+    EXPECT_EQ("", Get(reader));
+    EXPECT_EQ(10, Put(writer, "0123456789"));
+    EXPECT_EQ("0123", Get(reader, 4));
+    EXPECT_EQ("456789", Get(reader));
+}
+
+TEST_F(SharedMemTest, ThreadsSharingOneObjectAreSerialised) {
+    SharedMemImpl shm(true), reader(false);
+    auto lines = [&shm](const char* aLine) {
+        for (int i = 0; i < 200; ++i) Put(shm, aLine);
+    };
+    std::thread first(lines, "aaaaaaa\n"), second(lines, "bbbbbbb\n");
+    first.join();
+    second.join();
+    const std::string text = Get(reader, 5000);
+    int whole = 0;  // lines that no other write cut into
+    for (size_t i = 0; i < text.size(); i += 8)
+        whole += text.compare(i, 8, "aaaaaaa\n") == 0 || text.compare(i, 8, "bbbbbbb\n") == 0;
+    EXPECT_EQ(3200u, text.size());
+    EXPECT_EQ(400, whole);
+}
+
+TEST_F(SharedMemTest, UninitialisedObjectFailsAndUpdateFlagKeepsTheLock) {
+    SharedMemImpl shm(true);
+    EXPECT_EQ(0, shm.DeInitLogInfo());
+    CaptureStdout();
+    EXPECT_EQ(-1, Put(shm, "x"));
+    EXPECT_EQ("<failed>", Get(shm));
+    EXPECT_EQ(1, semctl(shm._semaphore._semId, 0, GETVAL));
+    EXPECT_EQ(-1, shm.UpdateFlag(0, MTRACE_LEVEL_ERROR));
+    EXPECT_EQ(0, semctl(shm._semaphore._semId, 0, GETVAL));  // still taken
+    EXPECT_EQ(
+        "write shared memory, currptr=null\nread shared memory, currptr=null"
+        "update flag, not inited\n",
+        GetCapturedStdout());
+    // Only removing the channel frees it; the destructor then finds it gone.
+    EXPECT_EQ(0, semctl(shm._semaphore._semId, 0, IPC_RMID));
+    EXPECT_EQ(0, shmctl(shm._shmId, IPC_RMID, nullptr));
+}
+
+TEST_F(SharedMemTest, SegmentNotLargerThanHeaderAborts) {
+    const int shm = shmget(ftok(m_path, 83), 20, IPC_CREAT | 0666);
+    SharedMemImpl::SemphoreImpl sem;
+    ASSERT_EQ(0, sem.Create(ftok(m_path, 109)));
+    // The line goes to stdout; the death test matches what the child writes to stderr.
+    EXPECT_DEATH((dup2(STDERR_FILENO, STDOUT_FILENO), SharedMemImpl(false)),
+                 "system_wrappers/source/mtrace_shared_mem: [0-9]+, assert failed, "
+                 "_shbLen > sizeof\\(SharedMemInfoByLog\\)");
+    EXPECT_EQ(0, sem.Delete());
+    EXPECT_EQ(0, shmctl(shm, IPC_RMID, nullptr));
+}
+
+}  // namespace
