@@ -10,6 +10,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "webrtc_cpu.h"
 
@@ -115,25 +116,18 @@ TEST(ComCpuInfo, CachedCountAndFactsTheHostStored) {
     EXPECT_EQ(3, ComCpuInfo::GetCpuCoreNums());
     ComCpuInfo::_nums_cores = 0;
 
+    // Facts are copied out only in pairs that are both known.
     unsigned long max = 11, min = 22;
-    ComCpuInfo::_max_frequency = 3000;
-    EXPECT_EQ(0, ComCpuInfo::GetCpuFrequences(max, min));
-    EXPECT_EQ(11ul, max);
-    EXPECT_EQ(22ul, min);
-    ComCpuInfo::_min_frequency = 800;
-    EXPECT_EQ(0, ComCpuInfo::GetCpuFrequences(max, min));
-    EXPECT_EQ(3000ul, max);
-    EXPECT_EQ(800ul, min);
-
     auto category = static_cast<webrtc::COM_CPUHW_CATEGORY>(5);
     auto arch = static_cast<webrtc::COM_CPU_ARCHITECT>(6);
+    ComCpuInfo::_max_frequency = 3000;
     ComCpuInfo::_cpu_category = static_cast<webrtc::COM_CPUHW_CATEGORY>(1);
-    EXPECT_EQ(0, ComCpuInfo::GetCpuCategory(category, arch));
-    EXPECT_EQ(5, category);
+    EXPECT_EQ(0, ComCpuInfo::GetCpuFrequences(max, min) + ComCpuInfo::GetCpuCategory(category, arch));
+    EXPECT_EQ(std::make_tuple(11ul, 22ul, 5, 6), std::make_tuple(max, min, +category, +arch));
+    ComCpuInfo::_min_frequency = 800;
     ComCpuInfo::_cpu_arch = static_cast<webrtc::COM_CPU_ARCHITECT>(2);
-    EXPECT_EQ(0, ComCpuInfo::GetCpuCategory(category, arch));
-    EXPECT_EQ(1, category);
-    EXPECT_EQ(2, arch);
+    EXPECT_EQ(0, ComCpuInfo::GetCpuFrequences(max, min) + ComCpuInfo::GetCpuCategory(category, arch));
+    EXPECT_EQ(std::make_tuple(3000ul, 800ul, 1, 2), std::make_tuple(max, min, +category, +arch));
     ComCpuInfo::_ram_capability = 4096;
     EXPECT_EQ(4096ul, ComCpuInfo::GetRawMemory());
 }

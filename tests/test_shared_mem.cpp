@@ -178,16 +178,4 @@ TEST_F(SharedMemTest, UninitialisedObjectFailsAndUpdateFlagKeepsTheLock) {
     EXPECT_EQ(0, shmctl(shm._shmId, IPC_RMID, nullptr));
 }
 
-TEST_F(SharedMemTest, SegmentNotLargerThanHeaderAborts) {
-    const int shm = shmget(ftok(m_path, 83), 20, IPC_CREAT | 0666);
-    SharedMemImpl::SemphoreImpl sem;
-    ASSERT_EQ(0, sem.Create(ftok(m_path, 109)));
-    // The line goes to stdout; the death test matches what the child writes to stderr.
-    EXPECT_DEATH((dup2(STDERR_FILENO, STDOUT_FILENO), SharedMemImpl(false)),
-                 "system_wrappers/source/mtrace_shared_mem: [0-9]+, assert failed, "
-                 "_shbLen > sizeof\\(SharedMemInfoByLog\\)");
-    EXPECT_EQ(0, sem.Delete());
-    EXPECT_EQ(0, shmctl(shm, IPC_RMID, nullptr));
-}
-
 }  // namespace

@@ -170,22 +170,11 @@ SharedMemImpl::SharedMemImpl(bool aIsCreator)
         return;
     }
 
+    const unsigned int createSize = static_cast<unsigned int>(getpagesize()) * kSegmentPages;
     if (aIsCreator) {
-        const unsigned int size = static_cast<unsigned int>(getpagesize()) * kSegmentPages;
-        _shmId = shmget(shmKey, size, IPC_CREAT | 0666);
+        _shmId = shmget(shmKey, createSize, IPC_CREAT | 0666);
         if (_shmId == -1) {
             printf("create shared memory failed, err=%d\n", errno);
-            return;
-        }
-        void* addr = shmat(_shmId, nullptr, 0);
-        if (addr == reinterpret_cast<void*>(-1)) {
-            printf("attach to shared memory failed, errno=%d\n", errno);
-            return;
-        }
-        _shbAddr = addr;
-        _shbLen = size;
-        if (_semaphore.Create(semKey) != 0) {
-            printf("create semaphore failed\n");
             return;
         }
     } else {
@@ -194,12 +183,22 @@ SharedMemImpl::SharedMemImpl(bool aIsCreator)
             printf("get shared memory failed, errno=%d\n", errno);
             return;
         }
-        void* addr = shmat(_shmId, nullptr, 0);
-        if (addr == reinterpret_cast<void*>(-1)) {
-            printf("attach to shared memory failed, errno=%d\n", errno);
+    }
+    void* addr = shmat(_shmId, nullptr, 0);
+    if (addr == reinterpret_cast<void*>(-1)) {
+        printf("attach to shared memory failed, errno=%d\n", errno);
+        return;
+    }
+    _shbAddr = addr;
+
+    if (aIsCreator) {
+        _shbLen = createSize;
+        if (_semaphore.Create(semKey) != 0) {
+            printf("create semaphore failed\n");
             return;
         }
-        _shbAddr = addr;
+    } else {
+        // An attaching process takes the size from the segment itself.
         struct shmid_ds info;
         if (shmctl(_shmId, IPC_STAT, &info) == -1) {
             printf("get shared memory information failed, errno=%d\n", errno);
