@@ -117,6 +117,9 @@ TEST(ComCpuInfo, CachedCountAndFactsTheHostStored) {
     ComCpuInfo::_nums_cores = 0;
 
     // Facts are copied out only in pairs that are both known.
+    ComCpuInfo::_max_frequency = ComCpuInfo::_min_frequency = 0;
+    ComCpuInfo::_cpu_category = webrtc::COM_CPUHW_CATEGORY_UNKNOWN;
+    ComCpuInfo::_cpu_arch = webrtc::COM_CPU_ARCHITECT_UNKNOWN;
     unsigned long max = 11, min = 22;
     auto category = static_cast<webrtc::COM_CPUHW_CATEGORY>(5);
     auto arch = static_cast<webrtc::COM_CPU_ARCHITECT>(6);
