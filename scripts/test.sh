@@ -15,33 +15,8 @@ case "$preset" in
 esac
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-
-packages=(cmake ninja-build g++ googletest libgtest-dev libgmock-dev pkg-config)
-if command -v dpkg >/dev/null 2>&1; then
-    missing=()
-    for package in "${packages[@]}"; do
-        # dpkg -s also succeeds for removed packages that left config files behind.
-        if ! dpkg -s "$package" 2>/dev/null | grep -q '^Status: install ok installed$'; then
-            missing+=("$package")
-        fi
-    done
-    if ((${#missing[@]} > 0)); then
-        if [[ "$(id -u)" -eq 0 ]]; then
-            as_root=()
-        elif command -v sudo >/dev/null 2>&1; then
-            as_root=(sudo)
-        else
-            echo "missing packages: ${missing[*]} (run as root to install them)" >&2
-            exit 1
-        fi
-        echo "installing: ${missing[*]}"
-        "${as_root[@]}" apt-get update
-        "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-            apt-get install -y --no-install-recommends "${missing[@]}"
-    fi
-else
-    echo "no dpkg here; assuming ${packages[*]} (or equivalents) are installed" >&2
-fi
+source "$root/scripts/deps.sh"
+sw_install_packages "${SW_BUILD_PACKAGES[@]}"
 
 cd "$root"
 cmake --workflow --preset "$preset"

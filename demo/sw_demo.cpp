@@ -1,0 +1,445 @@
+// sw_demo: a small echo engine built on libSystemWrappers through its public
+// headers only. A reactor thread serves TCP echo on 127.0.0.1 (echo_service);
+// client connections on a second reactor thread send messages that worker
+// task threads build and check byte by byte (echo_clients). This file holds
+// the command line, the host log callback and the start and shutdown order. The library's trace lines go to
+// standard error (and optionally the rotating trace files), and into the
+// shared-memory log channel that sw_shmlog reads from another process.
+//
+// Exit codes: 0 every echo matched, 1 the run failed, 2 bad command line.
+#include <errno.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "demo_support.h"
+#include "echo_clients.h"
+#include "echo_service.h"
+#include "system_wrappers.h"
+
+namespace {
+
+using namespace demo;
+
+const char kUsage[] =
+    "usage: sw_demo [options]\n"
+    "\n"
+    "Runs a TCP echo service and clients on library threads, checks every echoed\n"
+    "byte and prints a summary. Exit code 0 when every echo matched.\n"
+    "\n"
+    "  --connections N   client connections (default 4, at most 500)\n"
+    "  --messages N      messages per connection (default 10000)\n"
+    "  --size BYTES      bytes per message (default 1024, at most 16777216)\n"
+    "  --workers N       worker task threads that build and check messages (default 2)\n"
+    "  --port N          port of the echo service (default 0: the system picks)\n"
+    "  --duration SEC    send for SEC seconds instead of a fixed message count;\n"
+    "                    with --serve, stop serving after SEC seconds\n"
+    "  --log LEVEL       trace lines on standard error from LEVEL up:\n"
+    "                    debug, info, warning (default), error or off\n"
+    "  --trace-files     also write trace lines to zemtrace_linux_0.log and\n"
+    "                    zemtrace_linux_1.log in the working directory\n"
+    "  --shm-key PATH    key file of the shared-memory log channel\n"
+    "                    (default /tmp/orvanite_sharedmem)\n"
+    "  --serve           only serve echo until SIGINT or SIGTERM\n"
+    "  --help            show this text\n";
+
+bool ParseCount(const char* aText, unsigned long aMin, unsigned long aMax, unsigned long& aOut) {
+    if (!aText || *aText < '0' || *aText > '9') return false;
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long value = strtoull(aText, &end, 10);
+    if (errno != 0 || *end != '\0' || value < aMin || value > aMax) return false;
+    aOut = static_cast<unsigned long>(value);
+    return true;
+}
+
+// 0: run, 1: help printed, 2: bad command line (aError says why).
+int ParseOptions(int aArgc, char** aArgv, Options& aOptions, std::string& aError) {
+    for (int i = 1; i < aArgc; ++i) {
+        std::string name = aArgv[i];
+        const char* value = nullptr;
+        const size_t equals = name.find('=');
+        if (name.compare(0, 2, "--") == 0 && equals != std::string::npos) {
+            value = aArgv[i] + equals + 1;
+            name.resize(equals);
+        }
+        if (name == "--help" || name == "-h") return 1;
+        if (name == "--trace-files" || name == "--serve") {
+            if (value) {
+                aError = name + " takes no value";
+                return 2;
+            }
+            (name == "--serve" ? aOptions.serve : aOptions.traceFiles) = true;
+            continue;
+        }
+        struct Numeric {
+            const char* name;
+            unsigned long min;
+            unsigned long max;
+            unsigned long* out;
+        };
+        const Numeric numerics[] = {
+            {"--connections", 1, 500, &aOptions.connections},
+            {"--messages", 1, 1000000000, &aOptions.messages},
+            {"--size", 1, 16 * 1024 * 1024, &aOptions.size},
+            {"--workers", 1, 64, &aOptions.workers},
+            {"--port", 0, 65535, &aOptions.port},
+        };
+        const Numeric* numeric = nullptr;
+        for (const Numeric& candidate : numerics) {
+            if (name == candidate.name) numeric = &candidate;
+        }
+        const bool known =
+            numeric || name == "--duration" || name == "--log" || name == "--shm-key";
+        if (!known) {
+            aError = "unknown option '" + name + "'";
+            return 2;
+        }
+        if (!value) {
+            if (i + 1 >= aArgc) {
+                aError = name + " needs a value";
+                return 2;
+            }
+            value = aArgv[++i];
+        }
+        if (numeric) {
+            if (!ParseCount(value, numeric->min, numeric->max, *numeric->out)) {
+                aError = name + " takes a whole number from " + std::to_string(numeric->min) +
+                         " to " + std::to_string(numeric->max) + ", not '" + value + "'";
+                return 2;
+            }
+        } else if (name == "--duration") {
+            char* end = nullptr;
+            const double seconds = strtod(value, &end);
+            if (end == value || *end != '\0' || !std::isfinite(seconds) || seconds <= 0 ||
+                seconds > 31536000) {
+                aError = "--duration takes a positive number of seconds, not '" +
+                         std::string(value) + "'";
+                return 2;
+            }
+            aOptions.duration = seconds;
+        } else if (name == "--log") {
+            const char* const levels[] = {"debug", "info", "warning", "error", "off"};
+            int level = -1;
+            for (int k = 0; k < 5; ++k) {
+                if (strcmp(value, levels[k]) == 0) level = k;
+            }
+            if (level < 0) {
+                aError = "--log takes debug, info, warning, error or off, not '" +
+                         std::string(value) + "'";
+                return 2;
+            }
+            aOptions.logLevel = level;
+        } else {
+            if (*value == '\0') {
+                aError = "--shm-key needs a path";
+                return 2;
+            }
+            aOptions.shmKey = value;
+        }
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Logging: every trace line of the library and of the demo reaches OnLog.
+
+std::atomic<int> gStderrLevel{MTRACE_LEVEL_WARNING};
+std::atomic<bool> gFileTrace{false};
+// Set before the first thread starts and cleared after the last one is gone.
+std::atomic<SharedMemImpl*> gChannel{nullptr};
+
+// The text after the "[W:ENG+pid:tid] sec.usec " prefix.
+const char* LineBody(const char* aLine) {
+    const char* bracket = strstr(aLine, "] ");
+    if (!bracket) return aLine;
+    const char* space = strchr(bracket + 2, ' ');
+    return space ? space + 1 : aLine;
+}
+
+void OnLog(int, int aLevel, const char* aFormat, ...) {
+    va_list args;
+    va_start(args, aFormat);
+    const char* line = va_arg(args, const char*);
+    va_end(args);
+    if (!line) return;
+    const size_t length = strlen(line);
+    if (aLevel >= gStderrLevel.load(std::memory_order_relaxed)) fputs(line, stderr);
+    // The channel's own threshold (warning unless sw_shmlog changes it) decides
+    // what it keeps.
+    if (SharedMemImpl* channel = gChannel.load(std::memory_order_acquire)) {
+        channel->Write(reinterpret_cast<const unsigned char*>(line),
+                       static_cast<unsigned int>(length), static_cast<MTRACE_LEVEL_TYPE>(aLevel));
+    }
+    if (gFileTrace.load(std::memory_order_relaxed)) {
+        // The file output stamps its own prefix.
+        const char* body = LineBody(line);
+        size_t bodyLength = length - static_cast<size_t>(body - line);
+        if (bodyLength > 0 && body[bodyLength - 1] == '\n') --bodyLength;
+        CMyTrace_::Write(MTRACE_OUTPUT_FILE, static_cast<MTRACE_LEVEL_TYPE>(aLevel), body,
+                         static_cast<unsigned int>(bodyLength));
+    }
+}
+
+// ---------------------------------------------------------------------------
+// main
+
+// Waits up to aMillis for SIGINT or SIGTERM (blocked in every thread); returns it or 0.
+int WaitForSignal(long aMillis) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    timespec timeout = {aMillis / 1000, (aMillis % 1000) * 1000000};
+    const int rv = sigtimedwait(&set, nullptr, &timeout);
+    return rv > 0 ? rv : 0;
+}
+
+struct Service {
+    ComReactorThread* thread = nullptr;
+    EchoService* echo = nullptr;
+};
+
+bool StartService(const Options& aOptions, Service& aService) {
+    ComThreadManger* manager = ComThreadManger::GetInstance();
+    if (manager->CreateReactorThread(aService.thread) != COM_OK) {
+        fprintf(stderr, "sw_demo: cannot start the service's reactor thread\n");
+        return false;
+    }
+    aService.echo = new EchoService(aService.thread);
+    EchoService* echo = aService.echo;
+    const unsigned short port = static_cast<unsigned short>(aOptions.port);
+    // Handles are registered on the reactor thread itself.
+    if (RunOn(aService.thread->GetEventQueue(), [echo, port] { return echo->Open(port); }) !=
+        COM_OK) {
+        fprintf(stderr, "sw_demo: cannot listen on 127.0.0.1:%u\n", port);
+        return false;
+    }
+    return true;
+}
+
+bool StopService(Service& aService) {
+    bool ok = true;
+    if (aService.thread) {
+        // The reactor's shutdown closes the listener and every session.
+        ok = ComThreadManger::GetInstance()->DestroyThread(aService.thread) == COM_OK;
+        aService.thread = nullptr;
+    }
+    delete aService.echo;
+    aService.echo = nullptr;
+    return ok;
+}
+
+int Serve(const Options& aOptions) {
+    Service service;
+    if (!StartService(aOptions, service)) {
+        StopService(service);
+        return 1;
+    }
+    printf("sw_demo: echo service on 127.0.0.1:%u; stop it with Ctrl-C\n",
+           static_cast<unsigned>(service.echo->m_port.load()));
+    fflush(stdout);
+    const Clock::time_point end =
+        Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                           std::chrono::duration<double>(aOptions.duration));
+    int signal = 0;
+    while (signal == 0 && (aOptions.duration == 0 || Clock::now() < end)) {
+        signal = WaitForSignal(200);
+    }
+    const uint64_t accepted = service.echo->m_accepted.load();
+    const uint64_t bytes = service.echo->m_bytes.load();
+    const bool ok = StopService(service);
+    printf("sw_demo: %s; served %llu connections, echoed %llu bytes\n",
+           signal == SIGINT    ? "SIGINT"
+           : signal == SIGTERM ? "SIGTERM"
+                               : "time is up",
+           static_cast<unsigned long long>(accepted), static_cast<unsigned long long>(bytes));
+    return ok ? 0 : 1;
+}
+
+int RunClients(const Options& aOptions) {
+    ComThreadManger* manager = ComThreadManger::GetInstance();
+    Service service;
+    Run run(aOptions);
+    std::vector<ClientConnection*> connections;
+    Progress progress(run);
+    bool ok = StartService(aOptions, service);
+
+    run.workers.resize(aOptions.workers);
+    for (Worker& worker : run.workers) {
+        if (ok && manager->CreateTaskThread(worker.thread) != COM_OK) {
+            fprintf(stderr, "sw_demo: cannot start a worker thread\n");
+            ok = false;
+        }
+    }
+    if (ok && manager->CreateReactorThread(run.clientThread) != COM_OK) {
+        fprintf(stderr, "sw_demo: cannot start the clients' reactor thread\n");
+        ok = false;
+    }
+    if (ok) {
+        const unsigned short port = service.echo->m_port.load();
+        char amount[64];
+        if (aOptions.duration > 0) {
+            snprintf(amount, sizeof(amount), "%g s of messages", aOptions.duration);
+        } else {
+            snprintf(amount, sizeof(amount), "%lu messages", aOptions.messages);
+        }
+        printf(
+            "sw_demo: echo service on 127.0.0.1:%u; %lu connections x %s of %lu bytes, "
+            "%lu workers\n",
+            static_cast<unsigned>(port), aOptions.connections, amount, aOptions.size,
+            aOptions.workers);
+        fflush(stdout);
+        for (unsigned long i = 0; i < aOptions.connections && ok; ++i) {
+            ClientConnection* connection = new ClientConnection(run, static_cast<uint32_t>(i));
+            connections.push_back(connection);
+            if (RunOn(run.clientThread->GetEventQueue(),
+                      [connection, port] { return connection->Connect(port); }) != COM_OK) {
+                fprintf(stderr, "sw_demo: connection %lu cannot connect to 127.0.0.1:%u\n", i,
+                        static_cast<unsigned>(port));
+                ok = false;
+            }
+        }
+    }
+
+    int signal = 0;
+    bool stalled = false;
+    if (ok) {
+        run.start = Clock::now();
+        run.deadline = run.start + std::chrono::duration_cast<Clock::duration>(
+                                       std::chrono::duration<double>(aOptions.duration));
+        ComTaskThread* first = run.workers[0].thread;
+        RunOn(first->GetEventQueue(), [&progress] {
+            return progress.m_timer.Schedule(&progress, ComTimeValueType(1, 0), 0);
+        });
+        for (ClientConnection* connection : connections) run.Start(connection);
+        // A run that makes no progress for this long is reported as stalled.
+        const auto kStallLimit = std::chrono::seconds(30);
+        uint64_t lastCount = 0;
+        Clock::time_point lastChange = Clock::now();
+        while (run.finished.load() < connections.size()) {
+            signal = WaitForSignal(100);
+            if (signal) break;
+            const uint64_t count = run.messages.load();
+            if (count != lastCount) {
+                lastCount = count;
+                lastChange = Clock::now();
+            } else if (Clock::now() - lastChange > kStallLimit) {
+                stalled = true;
+                break;
+            }
+        }
+        RunOn(first->GetEventQueue(), [&progress] { return progress.m_timer.Cancel(); });
+    }
+    const Clock::rep end = run.endTime.load();
+    const Clock::time_point endTime = end ? Clock::time_point(Clock::duration(end)) : Clock::now();
+    const double seconds = std::chrono::duration<double>(endTime - run.start).count();
+
+    // Shutdown: no more cross-thread posts, then every thread in turn.
+    run.stopping = true;
+    run.router.Close();
+    bool clean = true;
+    if (run.clientThread) clean = manager->DestroyThread(run.clientThread) == COM_OK && clean;
+    for (Worker& worker : run.workers) {
+        if (worker.thread) clean = manager->DestroyThread(worker.thread) == COM_OK && clean;
+    }
+    clean = StopService(service) && clean;
+    for (ClientConnection* connection : connections) delete connection;
+    if (!ok) return 1;
+
+    RttHistogram rtt;
+    for (const Worker& worker : run.workers) rtt.Merge(worker.rtt);
+    const uint64_t messages = run.messages.load();
+    const uint64_t bytes = run.bytes.load();
+    const uint64_t expected =
+        aOptions.duration > 0 ? messages : aOptions.connections * aOptions.messages;
+    const double rate = seconds > 0 ? static_cast<double>(messages) / seconds : 0;
+    const double mib = static_cast<double>(bytes) / (1024.0 * 1024.0);
+
+    std::string problem;
+    if (signal) {
+        problem = signal == SIGINT ? "interrupted by SIGINT" : "interrupted by SIGTERM";
+    } else if (stalled) {
+        problem = "no echo arrived for 30 s";
+    } else if (!run.firstFailure.empty()) {
+        problem = run.firstFailure;
+    } else if (messages != expected) {
+        problem = "only " + std::to_string(messages) + " of " + std::to_string(expected) +
+                  " messages came back";
+    } else if (!clean) {
+        problem = "a thread did not shut down cleanly";
+    }
+    printf("summary:\n");
+    printf("  connections  %lu (%lu failed)\n", aOptions.connections, run.failed.load());
+    printf("  messages     %llu of %lu bytes (%llu expected, %llu mismatched)\n",
+           static_cast<unsigned long long>(messages), aOptions.size,
+           static_cast<unsigned long long>(expected),
+           static_cast<unsigned long long>(run.mismatches.load()));
+    printf("  bytes        %llu each way\n", static_cast<unsigned long long>(bytes));
+    printf("  elapsed      %.3f s\n", seconds);
+    printf("  throughput   %.0f msg/s, %.1f MiB/s each way\n", rate,
+           seconds > 0 ? mib / seconds : 0);
+    printf("  round trip   p50 %.0f us, p99 %.0f us, max %.0f us\n", rtt.Quantile(0.5),
+           rtt.Quantile(0.99), rtt.MaxMicros());
+    if (problem.empty()) {
+        printf("  result       OK, every echoed byte matched\n");
+    } else {
+        printf("  result       FAILED: %s\n", problem.c_str());
+    }
+    fflush(stdout);
+    return problem.empty() ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int aArgc, char** aArgv) {
+    Options options;
+    std::string error;
+    const int parsed = ParseOptions(aArgc, aArgv, options, error);
+    if (parsed == 1) {
+        fputs(kUsage, stdout);
+        return 0;
+    }
+    if (parsed == 2) {
+        fprintf(stderr, "sw_demo: %s\nrun 'sw_demo --help' for the options\n", error.c_str());
+        return 2;
+    }
+
+    // Signals are taken by the main thread only; every thread started later
+    // inherits the mask, so a Ctrl-C cannot interrupt a reactor's select().
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    gStderrLevel = options.logLevel;
+    gFileTrace = options.traceFiles;
+    CMyTrace_::SetLogCallback(OnLog);
+
+    if (!options.shmKey.empty()) gSharedMemName = options.shmKey.c_str();
+    SharedMemImpl* channel = new SharedMemImpl(true);
+    if (channel->IsGood() && channel->UpdateFlag(0, MTRACE_LEVEL_WARNING) == 0) {
+        gChannel = channel;
+    } else {
+        fprintf(stderr, "sw_demo: no shared-memory log channel under %s; going on without it\n",
+                gSharedMemName);
+    }
+
+    const int rv = options.serve ? Serve(options) : RunClients(options);
+
+    // Every library thread is gone: nobody writes to the channel any more.
+    gChannel = nullptr;
+    delete channel;
+    CMyTrace_::SetLogCallback(nullptr);
+    return rv;
+}
