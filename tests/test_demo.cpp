@@ -5,9 +5,6 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/ipc.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,28 +13,12 @@
 
 #include <gtest/gtest.h>
 
+#include "channel_fixture.h"
 #include "run_program.h"
 
 namespace {
 
-// A fresh channel key per test; afterwards neither IPC object may be left.
-class DemoTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        const int fd = mkstemp(m_key);
-        ASSERT_NE(fd, -1);
-        close(fd);
-    }
-    void TearDown() override {
-        const int shm = shmget(ftok(m_key, 83), 0, 0);
-        EXPECT_TRUE(shm == -1 && errno == ENOENT) << "segment left behind";
-        const int sem = semget(ftok(m_key, 109), 1, 0);
-        EXPECT_TRUE(sem == -1 && errno == ENOENT) << "semaphore left behind";
-        unlink(m_key);
-    }
-
-    char m_key[32] = "/tmp/sw_demo_test_XXXXXX";
-};
+using DemoTest = ChannelKeyTest;
 
 bool Has(const std::string& aText, const char* aPattern) {
     return std::regex_search(aText, std::regex(aPattern));
@@ -46,7 +27,7 @@ bool Has(const std::string& aText, const char* aPattern) {
 TEST_F(DemoTest, ShortRunEndsInACleanSummary) {
     ChildProgram demo;
     ASSERT_TRUE(demo.Start({SW_DEMO_PATH, "--connections", "3", "--messages", "150", "--size",
-                            "3000", "--workers", "2", "--shm-key", m_key}));
+                            "3000", "--workers", "2", "--shm-key", m_path}));
     ASSERT_TRUE(demo.Finish());
     const std::string& out = demo.Out();
     EXPECT_EQ(demo.ExitCode(), 0) << out << demo.Err();
@@ -95,7 +76,7 @@ TEST_F(DemoTest, CommandLineMistakesExitWithTwo) {
 // where sw_shmlog in a third process reads them.
 TEST_F(DemoTest, ServeEchoesAndLogsToTheChannelUntilSigterm) {
     ChildProgram demo;
-    ASSERT_TRUE(demo.Start({SW_DEMO_PATH, "--serve", "--shm-key", m_key}));
+    ASSERT_TRUE(demo.Start({SW_DEMO_PATH, "--serve", "--shm-key", m_path}));
     std::smatch port;
     const std::regex listening("echo service on 127\\.0\\.0\\.1:([0-9]+)");
     ASSERT_TRUE(demo.WaitForOutput([&](const std::string& aOut) {
@@ -105,7 +86,7 @@ TEST_F(DemoTest, ServeEchoesAndLogsToTheChannelUntilSigterm) {
 
     // Let info lines into the channel, the way an operator would.
     ChildProgram level;
-    ASSERT_TRUE(level.Start({SW_SHMLOG_PATH, "--key", m_key, "level", "info"}));
+    ASSERT_TRUE(level.Start({SW_SHMLOG_PATH, "--key", m_path, "level", "info"}));
     ASSERT_TRUE(level.Finish());
     ASSERT_EQ(level.ExitCode(), 0) << level.Out() << level.Err();
 
@@ -133,7 +114,7 @@ TEST_F(DemoTest, ServeEchoesAndLogsToTheChannelUntilSigterm) {
     for (int attempt = 0; attempt < 100 && ring.find("EchoService, accepted") == std::string::npos;
          ++attempt) {
         ChildProgram dump;
-        ASSERT_TRUE(dump.Start({SW_SHMLOG_PATH, "--key", m_key, "dump"}));
+        ASSERT_TRUE(dump.Start({SW_SHMLOG_PATH, "--key", m_path, "dump"}));
         ASSERT_TRUE(dump.Finish());
         ASSERT_EQ(dump.ExitCode(), 0) << dump.Err();
         ring = dump.Out();

@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "channel_fixture.h"
 #include "mtrace_shared_mem.h"
 
 namespace {
@@ -32,31 +33,11 @@ std::string Get(SharedMemImpl& aShm, unsigned int aSize = 1000) {
     return buffer[count] == 0 ? buffer.substr(0, count) : "<unterminated>";
 }
 
-// Each test gets a channel keyed by a fresh file and must leave no IPC object.
-class SharedMemTest : public ::testing::Test {
+class SharedMemTest : public ChannelKeyTest {
 protected:
-    void SetUp() override {
-        const int fd = mkstemp(m_path);
-        ASSERT_NE(-1, fd);
-        close(fd);
-        gSharedMemName = m_path;
-    }
-    void TearDown() override {
-        const int shm = shmget(ftok(m_path, 83), 0, 0);
-        EXPECT_TRUE(shm == -1 && errno == ENOENT) << "segment left behind";
-        const int sem = semget(ftok(m_path, 109), 1, 0);
-        EXPECT_TRUE(sem == -1 && errno == ENOENT) << "semaphore left behind";
-        if (shm != -1) shmctl(shm, IPC_RMID, nullptr);
-        if (sem != -1) semctl(sem, 0, IPC_RMID);
-        gSharedMemName = m_savedName;
-        unlink(m_path);
-    }
     static SharedMemInfoByLog* Header(const SharedMemImpl& aShm) {
         return static_cast<SharedMemInfoByLog*>(aShm._shbAddr);
     }
-
-    char m_path[32] = "/tmp/test_shared_mem_XXXXXX";
-    const char* const m_savedName = gSharedMemName;
 };
 
 TEST_F(SharedMemTest, WriterAndReaderProcessesExchangeText) {

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "channel_fixture.h"
 #include "mtrace_shared_mem.h"
 #include "run_program.h"
 
@@ -45,26 +46,8 @@ bool ConsecutiveLines(const std::string& aText, int aLast = -1) {
     return next > 0 && aText.back() == '\n' && (aLast < 0 || next == aLast + 1);
 }
 
-class ShmlogTest : public ::testing::Test {
+class ShmlogTest : public ChannelKeyTest {
 protected:
-    void SetUp() override {
-        const int fd = mkstemp(m_path);
-        ASSERT_NE(-1, fd);
-        close(fd);
-        gSharedMemName = m_path;
-    }
-    // Nothing of the channel may outlive the writer and the tool.
-    void TearDown() override {
-        const int shm = shmget(ftok(m_path, 83), 0, 0);
-        EXPECT_TRUE(shm == -1 && errno == ENOENT) << "segment left behind";
-        const int sem = semget(ftok(m_path, 109), 1, 0);
-        EXPECT_TRUE(sem == -1 && errno == ENOENT) << "semaphore left behind";
-        if (shm != -1) shmctl(shm, IPC_RMID, nullptr);
-        if (sem != -1) semctl(sem, 0, IPC_RMID);
-        gSharedMemName = m_savedName;
-        unlink(m_path);
-    }
-
     struct Result {
         int code;
         std::string out, err;
@@ -89,9 +72,6 @@ protected:
         }
         return 0;
     }
-
-    char m_path[32] = "/tmp/test_shmlog_XXXXXX";
-    const char* const m_savedName = gSharedMemName;
 };
 
 TEST_F(ShmlogTest, DumpPrintsOldestFirstAndLevelSetsTheThreshold) {
