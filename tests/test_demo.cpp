@@ -77,10 +77,12 @@ TEST_F(DemoTest, CommandLineMistakesExitWithTwo) {
 TEST_F(DemoTest, ServeEchoesAndLogsToTheChannelUntilSigterm) {
     ChildProgram demo;
     ASSERT_TRUE(demo.Start({SW_DEMO_PATH, "--serve", "--shm-key", m_path}));
-    std::smatch port;
+    int port = 0;
     const std::regex listening("echo service on 127\\.0\\.0\\.1:([0-9]+)");
     ASSERT_TRUE(demo.WaitForOutput([&](const std::string& aOut) {
-        return std::regex_search(aOut, port, listening);
+        std::smatch match;
+        if (std::regex_search(aOut, match, listening)) port = std::stoi(match[1].str());
+        return port != 0;
     })) << demo.Out()
         << demo.Err();
 
@@ -94,7 +96,7 @@ TEST_F(DemoTest, ServeEchoesAndLogsToTheChannelUntilSigterm) {
     ASSERT_NE(fd, -1);
     sockaddr_in addr = {};
     addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(std::stoi(port[1].str())));
+    addr.sin_port = htons(static_cast<uint16_t>(port));
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
     const std::string hello = "hello, echo\n";
