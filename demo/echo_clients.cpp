@@ -48,7 +48,7 @@ public:
         ++m_run.messages;
         m_run.bytes += length;
         if (m_run.WantMore(m_seq + 1)) {
-            m_run.SendNext(m_connection, id, m_seq + 1);
+            m_run.SendNext(m_connection, m_seq + 1);
         } else {
             m_run.Finish(m_connection, true);
         }
@@ -109,7 +109,7 @@ private:
     uint64_t m_seq;
 };
 
-void Run::SendNext(ClientConnection* aConnection, uint32_t aId, uint64_t aSeq) {
+void Run::SendNext(ClientConnection* aConnection, uint64_t aSeq) {
     ComMessageBlock message(options.size);
     if (message.GetWritableCapacity() != options.size) {
         Fail("out of memory for a message");
@@ -117,7 +117,7 @@ void Run::SendNext(ClientConnection* aConnection, uint32_t aId, uint64_t aSeq) {
         return;
     }
     for (unsigned long i = 0; i < options.size; ++i)
-        message.m_pWrite[i] = PatternByte(aId, aSeq, i);
+        message.m_pWrite[i] = PatternByte(aConnection->m_id, aSeq, i);
     message.Write(nullptr, options.size, true);
     router.Post(clientThread->GetEventQueue(), new SendMessageEvent(aConnection, message, aSeq));
 }
@@ -134,7 +134,7 @@ public:
     StartEvent(Run& aRun, ClientConnection* aConnection) : m_run(aRun), m_connection(aConnection) {}
     int OnEventFire() override {
         if (m_run.WantMore(0)) {
-            m_run.SendNext(m_connection, m_connection->m_id, 0);
+            m_run.SendNext(m_connection, 0);
         } else {
             m_run.Finish(m_connection, true);
         }

@@ -53,7 +53,6 @@ public:
         return MaxMicros();
     }
     double MaxMicros() const { return static_cast<double>(m_maxNanos) / 1000.0; }
-    uint64_t Total() const { return m_total; }
 
 private:
     std::vector<uint64_t> m_counts;
@@ -65,13 +64,13 @@ private:
 // them instead, so no thread posts to one that is being destroyed.
 class Router {
 public:
-    bool Post(IEventQueue* aQueue, IEvent* aEvent) {
+    void Post(IEventQueue* aQueue, IEvent* aEvent) {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_open) {
+        if (m_open) {
+            aQueue->PostEvent(aEvent);  // the queue owns it, accepted or refused
+        } else {
             aEvent->OnDestorySelf();
-            return false;
         }
-        return aQueue->PostEvent(aEvent) == COM_OK;  // the queue owns it either way
     }
     void Close() {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -106,7 +105,7 @@ struct Run {
         return aNextSeq < options.messages;
     }
     // On a worker: builds message aSeq of the connection and sends it off.
-    void SendNext(ClientConnection* aConnection, uint32_t aId, uint64_t aSeq);
+    void SendNext(ClientConnection* aConnection, uint64_t aSeq);
     // Starts the connection's first message on its worker.
     void Start(ClientConnection* aConnection);
 

@@ -2,9 +2,9 @@
 // headers only. A reactor thread serves TCP echo on 127.0.0.1 (echo_service);
 // client connections on a second reactor thread send messages that worker
 // task threads build and check byte by byte (echo_clients). This file holds
-// the command line, the host log callback and the start and shutdown order. The library's trace lines go to
-// standard error (and optionally the rotating trace files), and into the
-// shared-memory log channel that sw_shmlog reads from another process.
+// the command line, the host log callback and the start and shutdown order.
+// Trace lines go to standard error (and optionally the rotating trace files)
+// and into the shared-memory log channel that sw_shmlog reads.
 //
 // Exit codes: 0 every echo matched, 1 the run failed, 2 bad command line.
 #include <errno.h>
