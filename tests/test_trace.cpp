@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -52,6 +54,20 @@ TEST(CMyTextFormat, OperandFormatsAndTheCapacity) {
     text = full.GetContent(length);
     EXPECT_EQ(1024u, length);
     EXPECT_EQ(head + std::string(23, 'b'), std::string(text));
+
+    // Whatever the operand, the characters and the cut are what snprintf makes.
+    const void* pointer = &length;
+    char expected[64];
+    snprintf(expected, sizeof(expected), "%p|%ld|%lld", pointer, LONG_MIN, LLONG_MIN);
+    CMyTextFormat mixed;
+    mixed << pointer << '|' << LONG_MIN << '|' << LLONG_MIN;
+    text = mixed.GetContent(length);
+    EXPECT_EQ(std::string(expected), std::string(text, length));
+    CMyTextFormat number;
+    number << std::string(1020, 'a').c_str() << 1234567;
+    text = number.GetContent(length);
+    EXPECT_EQ(1024u, length);
+    EXPECT_EQ(std::string(1020, 'a') + "123", std::string(text));
 }
 
 TEST(CMyTrace, LineShapeLevelLettersAndCallbackArguments) {
@@ -85,6 +101,25 @@ TEST(CMyTrace, LineShapeLevelLettersAndCallbackArguments) {
         EXPECT_TRUE(std::regex_match(lines[i].line, std::regex(shape))) << lines[i].line;
     }
     EXPECT_NE(std::string::npos, lines[5].line.find(":" + otherTid + "] "));
+    // A forked child stamps its own thread id, not the parent's.
+    const pid_t child = fork();
+    if (child == 0) {
+        char prefix[64];
+        CMyTraceImpl_::Instance(MTRACE_LEVEL_INFO, "zemtrace", 512, 1, 2, 1u << 20)
+            ->GetTracePrefix(1, prefix, sizeof(prefix));
+        _exit(strstr(prefix, (":" + std::to_string(getpid()) + "] ").c_str()) ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    // A prefix longer than its buffer is cut there and reports its full length.
+    char cut[8];
+    const unsigned int full =
+        CMyTraceImpl_::Instance(MTRACE_LEVEL_INFO, "zemtrace", 512, 1, 2, 1u << 20)
+            ->GetTracePrefix(1, cut, sizeof(cut));
+    EXPECT_EQ("[I:ENG+", std::string(cut));
+    const std::string& info = lines[1].line;
+    EXPECT_EQ(info.find(' ', info.find("] ") + 2) + 1, full);
     EXPECT_TRUE(IsLine(lines[6].line, "abc"));
     EXPECT_TRUE(IsLine(lines[7].line, ""));
     EXPECT_EQ(513u, lines[8].line.size());  // 512 with the prefix, then the newline

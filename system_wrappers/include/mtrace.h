@@ -58,6 +58,8 @@ public:
 
 private:
     CMyTextFormat& Append(const char* aFormat, ...) __attribute__((format(printf, 2, 3)));
+    // Appends aSize ready-made characters exactly as Append would print them.
+    CMyTextFormat& AppendText(const char* aText, unsigned int aSize);
 
     unsigned int m_length;
     char m_text[kCapacity + 1];

@@ -13,6 +13,13 @@ inline void WriteTrace(MTRACE_LEVEL_TYPE aLevel, const CMyTextFormat& aText) {
     CMyTrace_::Write(MTRACE_OUTPUT_CALLBACK, aLevel, text, length);
 }
 
+// True while a host callback is installed. The library's lines go only there,
+// so without one they are not even built.
+inline bool TraceHeard() {
+    const CMyTraceImpl_* impl = CMyTraceImpl_::s_LogInstance.load(std::memory_order_acquire);
+    return impl != nullptr && impl->m_logCallback.load(std::memory_order_acquire) != nullptr;
+}
+
 // Pointers in trace lines print as %p prints them: ", this=" << Addr(this).
 inline const void* Addr(const void* aObject) {
     return aObject;
@@ -25,11 +32,13 @@ void TraceAssert(const char* aFile, int aLine, const char* aExpr);
 }  // namespace sw
 
 // SW_TRACE(MTRACE_LEVEL_ERROR, "[COM]:" << "Foo::Bar, failed, err=" << err);
-#define SW_TRACE(aLevel, aStream)               \
-    do {                                        \
-        CMyTextFormat swTraceText_;             \
-        swTraceText_ << aStream;                \
-        ::sw::WriteTrace(aLevel, swTraceText_); \
+#define SW_TRACE(aLevel, aStream)                   \
+    do {                                            \
+        if (::sw::TraceHeard()) {                   \
+            CMyTextFormat swTraceText_;             \
+            swTraceText_ << aStream;                \
+            ::sw::WriteTrace(aLevel, swTraceText_); \
+        }                                           \
     } while (0)
 
 #define SW_TRACE_ERROR(aStream) SW_TRACE(MTRACE_LEVEL_ERROR, aStream)
