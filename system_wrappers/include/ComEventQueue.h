@@ -77,6 +77,9 @@ protected:
     // Post and send refuse a null event (assertion at aNullLine) and, on a
     // stopped queue, destroy the event after tracing aStoppedText.
     bool Admits(IEvent* aEvent, int aNullLine, const char* aStoppedText);
+    // PostEvent with the list node of the one event in aNode made beforehand,
+    // outside the subclass's lock, so that producers hold it only to link it in.
+    int PostNode_l(std::list<IEvent*>& aNode);
     // Empties the list into aEvents (the caller holds the subclass's lock) and
     // destroys them afterwards with DestroyEvents, outside that lock.
     void TakeAllEvents_l(std::list<IEvent*>& aEvents);
@@ -123,6 +126,10 @@ public:
     void DestoryPendingEvents();
 
     CMyMutex m_Mutex;
+
+protected:
+    // PostEvent with the event's list node already made (see PostNode_l).
+    int PostNode(std::list<IEvent*>& aNode);
 };
 
 // Locked by a mutex, with a condition variable so that an idle owner sleeps

@@ -12,11 +12,18 @@ ComTimeValueType ComTimeValueType::GetTimeOfDay() {
 }
 
 CMyMutex::CMyMutex() {
+#ifdef PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP
+    // The same recursive mutex without four attribute calls: message blocks,
+    // events and queues each construct one.
+    const pthread_mutex_t recursive = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+    m_mutex = recursive;
+#else
     pthread_mutexattr_t attr;
     pthread_mutexattr_init(&attr);
     pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
     pthread_mutex_init(&m_mutex, &attr);
     pthread_mutexattr_destroy(&attr);
+#endif
 }
 
 CMyMutex::~CMyMutex() {

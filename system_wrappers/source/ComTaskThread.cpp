@@ -79,10 +79,15 @@ bool EventQueueBase::Admits(IEvent* aEvent, int aNullLine, const char* aStoppedT
 }
 
 int EventQueueBase::PostEvent(IEvent* aEvent) {
-    if (!Admits(aEvent, 278, "EventQueueBase::PostEvent, has been stopped.")) {
+    std::list<IEvent*> node(1, aEvent);
+    return PostNode_l(node);
+}
+
+int EventQueueBase::PostNode_l(std::list<IEvent*>& aNode) {
+    if (!Admits(aNode.front(), 278, "EventQueueBase::PostEvent, has been stopped.")) {
         return COM_ERROR_FAILURE;
     }
-    m_Events.push_back(aEvent);
+    m_Events.splice(m_Events.end(), aNode);
     m_nPendingCount.fetch_add(1, std::memory_order_relaxed);
     return COM_OK;
 }
@@ -277,8 +282,13 @@ ComEventQueueByMutex::ComEventQueueByMutex() = default;
 ComEventQueueByMutex::~ComEventQueueByMutex() = default;
 
 int ComEventQueueByMutex::PostEvent(IEvent* aEvent) {
+    std::list<IEvent*> node(1, aEvent);
+    return PostNode(node);
+}
+
+int ComEventQueueByMutex::PostNode(std::list<IEvent*>& aNode) {
     PattAutoLock<CMyMutex> lock(m_Mutex);
-    const int rv = EventQueueBase::PostEvent(aEvent);
+    const int rv = PostNode_l(aNode);
     if (rv != COM_OK) {
         SW_TRACE_ERROR("[COM]:PostEvent, failed, this=" << Addr(this));
     }
@@ -308,9 +318,10 @@ EventQueueUsingConditionVariable::EventQueueUsingConditionVariable() : m_Cond(m_
 EventQueueUsingConditionVariable::~EventQueueUsingConditionVariable() = default;
 
 int EventQueueUsingConditionVariable::PostEvent(IEvent* aEvent) {
+    std::list<IEvent*> node(1, aEvent);
     PattAutoLock<CMyMutex> lock(m_Mutex);
     const bool wasEmpty = m_Events.empty();
-    const int rv = EventQueueBase::PostEvent(aEvent);
+    const int rv = PostNode_l(node);
     if (rv != COM_OK) {
         SW_TRACE_ERROR("PostEvent, failed, this=" << Addr(this));
         return rv;
@@ -791,7 +802,10 @@ int TimerQueueBase::CancelTimer(ITimerHandler* aEh) {
 }
 
 int TimerQueueBase::CheckExpire(ComTimeValueType* aRemainTime) {
-    const ComTimeValueType now = ComTimeValueType::GetTimeOfDay();
+    // The clock is read once, on the first look that finds a timer: the owner
+    // loops call this every pass, most often with no timer queued.
+    ComTimeValueType now;
+    bool haveNow = false;
     int fired = 0;
     for (;;) {
         CNode node;
@@ -803,6 +817,10 @@ int TimerQueueBase::CheckExpire(ComTimeValueType* aRemainTime) {
                     *aRemainTime = ComTimeValueType::s_tvMax;
                 }
                 return fired;
+            }
+            if (!haveNow) {
+                now = ComTimeValueType::GetTimeOfDay();
+                haveNow = true;
             }
             if (earliest > now) {
                 if (aRemainTime != nullptr) {
