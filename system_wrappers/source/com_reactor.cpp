@@ -46,9 +46,11 @@ void ComEventQueueWithReactor::SetReactor(ComNetReactor* aReactor) {
 int ComEventQueueWithReactor::PostEvent(IEvent* aEvent) {
     // The lock is recursive: the mutex queue's own post (and its failure
     // line) runs inside it, so the emptiness test and the post are one step.
+    // The list node is made before the lock.
+    std::list<IEvent*> node(1, aEvent);
     PattAutoLock<CMyMutex> lock(m_Mutex);
     const bool wasEmpty = m_Events.empty();
-    const int rv = ComEventQueueByMutex::PostEvent(aEvent);
+    const int rv = PostNode(node);
     // One token per empty-to-non-empty transition; the reactor asks for the
     // next turn itself while events are left over. Written under the lock,
     // so it never races the reactor closing its pipe.
