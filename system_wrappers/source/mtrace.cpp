@@ -242,6 +242,10 @@ namespace {
 // The kernel's thread id, asked once per thread; a forked child asks again.
 thread_local unsigned int t_tid = 0;
 
+// Room for the longest prefix: a letter, three 10-digit and one 20-digit
+// number, the punctuation and the zero.
+const unsigned int kPrefixMax = 96;
+
 void ForgetTid() {
     t_tid = 0;
 }
@@ -255,14 +259,23 @@ unsigned int CurrentTid() {
     return t_tid;
 }
 
-// Appends the decimal digits of aValue, zero-padded to aWidth.
+// Appends the decimal digits of aValue, zero-padded to aWidth. A prefix is a
+// handful of short numbers, so a plain loop beats calls to memcpy.
 char* PutDecimal(char* aOut, unsigned long aValue, int aWidth = 0) {
-    char digits[24];
-    const int count =
-        static_cast<int>(std::to_chars(digits, digits + sizeof(digits), aValue).ptr - digits);
+    char digits[20];
+    int count = 0;
+    do {
+        digits[count++] = static_cast<char>('0' + aValue % 10);
+        aValue /= 10;
+    } while (aValue != 0);
     for (int i = count; i < aWidth; ++i) *aOut++ = '0';
-    memcpy(aOut, digits, count);
-    return aOut + count;
+    while (count > 0) *aOut++ = digits[--count];
+    return aOut;
+}
+
+char* PutText(char* aOut, const char* aText) {
+    while (*aText != '\0') *aOut++ = *aText++;
+    return aOut;
 }
 
 }  // namespace
@@ -275,15 +288,14 @@ unsigned int CMyTraceImpl_::GetTracePrefix(int aLevel, char* aBuffer, unsigned i
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     // "[%s:ENG+%u:%u] %ld.%06ld ", built by hand: this runs for every line.
-    char prefix[96];
-    char* out = prefix;
+    // It is built in place when the buffer surely holds it (the usual case).
+    char local[kPrefixMax];
+    char* const begin = aSize >= kPrefixMax ? aBuffer : local;
+    char* out = begin;
     *out++ = '[';
-    const char* letter = _trace_level_str_arr[index];
-    const size_t letterSize = strlen(letter);
-    memcpy(out, letter, letterSize);
-    out += letterSize;
-    memcpy(out, ":ENG+", 5);
-    out = PutDecimal(out + 5, m_pid);
+    out = PutText(out, _trace_level_str_arr[index]);
+    out = PutText(out, ":ENG+");
+    out = PutDecimal(out, m_pid);
     *out++ = ':';
     out = PutDecimal(out, CurrentTid());
     *out++ = ']';
@@ -292,11 +304,13 @@ unsigned int CMyTraceImpl_::GetTracePrefix(int aLevel, char* aBuffer, unsigned i
     *out++ = '.';
     out = PutDecimal(out, static_cast<unsigned long>(now.tv_nsec / 1000), 6);
     *out++ = ' ';
-    // Handed over as snprintf would: cut to the buffer, the full length returned.
-    const unsigned int length = static_cast<unsigned int>(out - prefix);
-    if (aSize > 0) {
+    const unsigned int length = static_cast<unsigned int>(out - begin);
+    if (begin == aBuffer) {
+        *out = '\0';
+    } else if (aSize > 0) {
+        // Handed over as snprintf would: cut to the buffer, the full length returned.
         const unsigned int kept = length < aSize ? length : aSize - 1;
-        memcpy(aBuffer, prefix, kept);
+        memcpy(aBuffer, local, kept);
         aBuffer[kept] = '\0';
     }
     return length;
