@@ -1,0 +1,103 @@
+#!/usr/bin/env python3
+"""Turns sw_bench's JSON output into the comparison table of docs/performance.md.
+
+    scripts/bench_table.py results.json
+
+Benchmarks are named "<workload>/<implementation>"; the medians of the
+repetitions are compared. A "batch" counter divides the time into the time per
+operation; a "bytes" counter is shown as bytes instead of time. Workloads named
+"mechanism_*" measure a part of a design on its own and get a table of their own.
+"""
+import json
+import platform
+import re
+import sys
+
+PEERS = [("asio", "Asio"), ("libevent", "libevent"), ("mutex_cv", "mutex+condvar"),
+         ("spdlog", "spdlog"), ("shared_ptr", "shared_ptr<vector>")]
+LIB = "lib"
+TO_NS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
+
+
+def load(path):
+    with open(path) as f:
+        data = json.load(f)
+    rows = {}
+    for b in data["benchmarks"]:
+        if b.get("run_type") == "aggregate" and b.get("aggregate_name") != "median":
+            continue
+        if b.get("error_occurred"):
+            print("error in %s: %s" % (b["name"], b.get("error_message")), file=sys.stderr)
+            continue
+        # Drop what Google Benchmark appends: /iterations:1, /real_time, /manual_time.
+        name = re.sub(r"(/(iterations:\d+|real_time|manual_time))+(_median)?$", "",
+                      b.get("run_name", b["name"]))
+        workload, _, impl = name.partition("/")
+        if "bytes" in b:
+            value, unit = b["bytes"], "B"
+        else:
+            value = b["real_time"] * TO_NS[b["time_unit"]] / b.get("batch", 1)
+            unit = "ns"
+        rows.setdefault(workload, {})[impl] = (value, unit)
+    return data.get("context", {}), rows
+
+
+def fmt(entry):
+    if entry is None:
+        return "-"
+    value, unit = entry
+    if unit == "B":
+        return "%.0f B" % value
+    if value >= 10000:
+        return "%.1f us" % (value / 1000)
+    return "%.1f ns" % value if value < 100 else "%.0f ns" % value
+
+
+def machine(context):
+    model = "unknown CPU"
+    try:
+        with open("/proc/cpuinfo") as f:
+            for line in f:
+                if line.startswith("model name"):
+                    model = line.split(":", 1)[1].strip()
+                    break
+    except OSError:
+        pass
+    return ("%s, %s CPUs, Linux %s, %s; load average before the run %s" %
+            (model, context.get("num_cpus", "?"), platform.release(),
+             context.get("date", "")[:10],
+             ", ".join("%.2f" % x for x in context.get("load_avg", []))))
+
+
+def main():
+    if len(sys.argv) != 2:
+        print(__doc__.strip(), file=sys.stderr)
+        return 2
+    context, rows = load(sys.argv[1])
+    used = [(key, title) for key, title in PEERS
+            if any(key in impls for name, impls in rows.items() if not name.startswith("mechanism_"))]
+    print("Machine: " + machine(context))
+    print()
+    print("| Workload | libSystemWrappers | " + " | ".join(t for _, t in used) + " | ratio lib / best peer |")
+    print("|---" * (len(used) + 3) + "|")
+    for name, impls in rows.items():
+        if name.startswith("mechanism_"):
+            continue
+        peers = [impls[k][0] for k, _ in used if k in impls]
+        lib = impls.get(LIB)
+        ratio = "%.2f" % (lib[0] / min(peers)) if lib and peers and min(peers) > 0 else "-"
+        cells = [fmt(lib)] + [fmt(impls.get(k)) for k, _ in used]
+        print("| %s | %s | %s |" % (name, " | ".join(cells), ratio))
+    mechanisms = [(n, i) for n, i in rows.items() if n.startswith("mechanism_")]
+    if mechanisms:
+        print()
+        print("| Mechanism | Variant | Median |")
+        print("|---|---|---|")
+        for name, impls in mechanisms:
+            for impl, entry in impls.items():
+                print("| %s | %s | %s |" % (name[len("mechanism_"):], impl, fmt(entry)))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
