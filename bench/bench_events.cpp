@@ -64,11 +64,17 @@ class ShapedQueue {
 public:
     ShapedQueue() : m_thread([this] { Run(); }) {}
     ~ShapedQueue() {
-        Post(nullptr);
+        PostEvent(nullptr);
         m_thread.join();
     }
+    template <class F>
+    void Post(F aFunc) {
+        PostEvent(bench::MakeEvent(aFunc));
+    }
+
+private:
     // Takes the event over; a null one stops the consumer.
-    void Post(IEvent* aEvent) {
+    void PostEvent(IEvent* aEvent) {
         std::list<IEvent*> node(1, aEvent);
         std::lock_guard<std::mutex> lock(m_mutex);
         const bool wasEmpty = m_events.empty();
@@ -76,7 +82,6 @@ public:
         if (wasEmpty) m_cond.notify_one();
     }
 
-private:
     void Run() {
         std::list<IEvent*> batch;
         for (;;) {
@@ -110,7 +115,10 @@ public:
         m_guard.reset();
         m_thread.join();
     }
-    boost::asio::io_context& io() { return m_io; }
+    template <class F>
+    void Post(F aFunc) {
+        boost::asio::post(m_io, aFunc);
+    }
 
 private:
     boost::asio::io_context m_io;
@@ -124,20 +132,6 @@ struct Counter {
 };
 
 // Each implementation is driven through the same three calls.
-// The peers' synchronous send: post, then wait on a promise the event keeps.
-template <class Target, class F>
-bool SendByPromise(Target& aTarget, F aFunc) {
-    std::promise<void> done;
-    if (!aTarget.Post([&] {
-            aFunc();
-            done.set_value();
-        })) {
-        return false;
-    }
-    done.get_future().wait();
-    return true;
-}
-
 struct LibTarget {
     bench::LibThread<ComTaskThread> thread;
     bool Start() { return ComThreadManger::GetInstance()->CreateTaskThread(thread.out()) == 0; }
@@ -151,44 +145,13 @@ struct LibTarget {
     }
 };
 
-struct ShapedTarget {
-    std::unique_ptr<ShapedQueue> queue;
+// Every peer queue the same way; a synchronous send posts, then waits on a
+// promise the event keeps.
+template <class Queue>
+struct PeerTarget {
+    std::unique_ptr<Queue> queue;
     bool Start() {
-        queue.reset(new ShapedQueue);
-        return true;
-    }
-    template <class F>
-    bool Post(F aFunc) {
-        queue->Post(bench::MakeEvent(aFunc));
-        return true;
-    }
-    template <class F>
-    bool Send(F aFunc) {
-        return SendByPromise(*this, aFunc);
-    }
-};
-
-struct AsioTarget {
-    std::unique_ptr<AsioThread> thread;
-    bool Start() {
-        thread.reset(new AsioThread);
-        return true;
-    }
-    template <class F>
-    bool Post(F aFunc) {
-        boost::asio::post(thread->io(), aFunc);
-        return true;
-    }
-    template <class F>
-    bool Send(F aFunc) {
-        return SendByPromise(*this, aFunc);
-    }
-};
-
-struct PlainTarget {
-    std::unique_ptr<PlainQueue> queue;
-    bool Start() {
-        queue.reset(new PlainQueue);
+        queue.reset(new Queue);
         return true;
     }
     template <class F>
@@ -198,7 +161,13 @@ struct PlainTarget {
     }
     template <class F>
     bool Send(F aFunc) {
-        return SendByPromise(*this, aFunc);
+        std::promise<void> done;
+        queue->Post([&] {
+            aFunc();
+            done.set_value();
+        });
+        done.get_future().wait();
+        return true;
     }
 };
 
@@ -298,10 +267,10 @@ void RegisterFor(const char* aImpl) {
 
 const bool kRegistered = [] {
     RegisterFor<LibTarget>(bench::kLib);
-    RegisterFor<AsioTarget>(bench::kAsio);
-    RegisterFor<PlainTarget>(bench::kMutexCv);
+    RegisterFor<PeerTarget<AsioThread>>(bench::kAsio);
+    RegisterFor<PeerTarget<PlainQueue>>(bench::kMutexCv);
     benchmark::RegisterBenchmark("mechanism_post_1_producer/mutex_cv_heap_events_5_per_lock",
-                                 PostOneProducer<ShapedTarget>)
+                                 PostOneProducer<PeerTarget<ShapedQueue>>)
         ->UseRealTime();
     return true;
 }();
