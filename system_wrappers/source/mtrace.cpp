@@ -50,11 +50,11 @@ CMyTextFormat& CMyTextFormat::AppendText(const char* aText, unsigned int aSize) 
 
 namespace {
 
-// Decimal or hexadecimal digits of a value into aBuffer; returns the count.
+// The decimal digits of a value into aBuffer; returns the count.
 template <class T>
-unsigned int Digits(char (&aBuffer)[24], T aValue, int aBase) {
-    return static_cast<unsigned int>(
-        std::to_chars(aBuffer, aBuffer + sizeof(aBuffer), aValue, aBase).ptr - aBuffer);
+unsigned int Digits(char (&aBuffer)[24], T aValue) {
+    return static_cast<unsigned int>(std::to_chars(aBuffer, aBuffer + sizeof(aBuffer), aValue).ptr -
+                                     aBuffer);
 }
 
 }  // namespace
@@ -85,22 +85,22 @@ CMyTextFormat& CMyTextFormat::operator<<(unsigned int aValue) {
 
 CMyTextFormat& CMyTextFormat::operator<<(long aValue) {
     char digits[24];
-    return AppendText(digits, Digits(digits, aValue, 10));
+    return AppendText(digits, Digits(digits, aValue));
 }
 
 CMyTextFormat& CMyTextFormat::operator<<(unsigned long aValue) {
     char digits[24];
-    return AppendText(digits, Digits(digits, aValue, 10));
+    return AppendText(digits, Digits(digits, aValue));
 }
 
 CMyTextFormat& CMyTextFormat::operator<<(long long aValue) {
     char digits[24];
-    return AppendText(digits, Digits(digits, aValue, 10));
+    return AppendText(digits, Digits(digits, aValue));
 }
 
 CMyTextFormat& CMyTextFormat::operator<<(unsigned long long aValue) {
     char digits[24];
-    return AppendText(digits, Digits(digits, aValue, 10));
+    return AppendText(digits, Digits(digits, aValue));
 }
 
 CMyTextFormat& CMyTextFormat::operator<<(double aValue) {
@@ -111,10 +111,9 @@ CMyTextFormat& CMyTextFormat::operator<<(const void* aValue) {
     // As glibc prints %p: "(nil)" for null, otherwise 0x and lowercase hex.
     if (!aValue) return AppendText("(nil)", 5);
     char text[24] = {'0', 'x'};
-    char digits[24];
-    const unsigned int count = Digits(digits, reinterpret_cast<uintptr_t>(aValue), 16);
-    memcpy(text + 2, digits, count);
-    return AppendText(text, count + 2);
+    const char* end =
+        std::to_chars(text + 2, text + sizeof(text), reinterpret_cast<uintptr_t>(aValue), 16).ptr;
+    return AppendText(text, static_cast<unsigned int>(end - text));
 }
 
 // ---------------------------------------------------------------------------
@@ -259,18 +258,9 @@ unsigned int CurrentTid() {
     return t_tid;
 }
 
-// Appends the decimal digits of aValue, zero-padded to aWidth. A prefix is a
-// handful of short numbers, so a plain loop beats calls to memcpy.
-char* PutDecimal(char* aOut, unsigned long aValue, int aWidth = 0) {
-    char digits[20];
-    int count = 0;
-    do {
-        digits[count++] = static_cast<char>('0' + aValue % 10);
-        aValue /= 10;
-    } while (aValue != 0);
-    for (int i = count; i < aWidth; ++i) *aOut++ = '0';
-    while (count > 0) *aOut++ = digits[--count];
-    return aOut;
+// Decimal digits straight into the prefix (at most 20 for 64 bits).
+char* PutDecimal(char* aOut, unsigned long aValue) {
+    return std::to_chars(aOut, aOut + 20, aValue).ptr;
 }
 
 char* PutText(char* aOut, const char* aText) {
@@ -302,7 +292,9 @@ unsigned int CMyTraceImpl_::GetTracePrefix(int aLevel, char* aBuffer, unsigned i
     *out++ = ' ';
     out = PutDecimal(out, static_cast<unsigned long>(now.tv_sec));
     *out++ = '.';
-    out = PutDecimal(out, static_cast<unsigned long>(now.tv_nsec / 1000), 6);
+    const unsigned long usec = static_cast<unsigned long>(now.tv_nsec / 1000);
+    for (unsigned long digit = 100000; digit > usec && digit > 1; digit /= 10) *out++ = '0';
+    out = PutDecimal(out, usec);
     *out++ = ' ';
     const unsigned int length = static_cast<unsigned int>(out - begin);
     if (begin == aBuffer) {
