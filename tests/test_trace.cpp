@@ -173,6 +173,12 @@ TEST_F(TraceFiles, FacadeDestinations) {
     fflush(stdout);
     EXPECT_EQ("logwrite, outof memory\n", testing::internal::GetCapturedStdout());
     EXPECT_TRUE(capture.Lines().empty());
+    // Also when no callback would have taken the line.
+    tiny.m_logCallback = nullptr;
+    testing::internal::CaptureStdout();
+    tiny.Write(MTRACE_OUTPUT_CALLBACK, MTRACE_LEVEL_ERROR, "text", 4);
+    fflush(stdout);
+    EXPECT_EQ("logwrite, outof memory\n", testing::internal::GetCapturedStdout());
 }
 
 TEST_F(TraceFiles, RotationFlushIntervalAndFailedOpens) {

@@ -12,6 +12,14 @@
 
 #include "sw_trace.h"
 
+namespace {
+
+// The longest prefix: "[E:ENG+" 7, two 10-digit ids with ':' and "] " 13,
+// 20 digits of seconds, '.', 6 of microseconds and the blank 28.
+const unsigned int kLongestPrefix = 58;
+
+}  // namespace
+
 // ---------------------------------------------------------------------------
 // CMyTextFormat
 
@@ -201,13 +209,18 @@ CMyTraceImpl_::~CMyTraceImpl_() {
 void CMyTraceImpl_::Write(MTRACE_OUTPUT_WHERE_TYPE aWhere, MTRACE_LEVEL_TYPE aLevel,
                           const char* aText, unsigned int aLength) {
     if (!s_LogInstance.load(std::memory_order_acquire)) return;
-    // A line for a callback nobody installed would be dropped: skip building it.
-    if (aWhere == MTRACE_OUTPUT_CALLBACK && !m_logCallback.load(std::memory_order_acquire)) return;
 
     // Two spare bytes: a full line is the limit plus a newline, then its zero.
     char line[kLineBufferSize + 2];
     const unsigned int limit =
         m_maxLineLength < kLineBufferSize ? m_maxLineLength : kLineBufferSize;
+    // A line for a callback nobody installed would be dropped: skip building
+    // it, unless the limit is so short that the prefix would not fit, which
+    // must still be reported.
+    if (aWhere == MTRACE_OUTPUT_CALLBACK && limit >= kLongestPrefix &&
+        !m_logCallback.load(std::memory_order_acquire)) {
+        return;
+    }
 
     // Formatted with room for the limit itself, so a prefix of exactly the limit
     // is kept whole.
@@ -240,10 +253,6 @@ namespace {
 
 // The kernel's thread id, asked once per thread; a forked child asks again.
 thread_local unsigned int t_tid = 0;
-
-// Room for the longest prefix: a letter, three 10-digit and one 20-digit
-// number, the punctuation and the zero.
-const unsigned int kPrefixMax = 96;
 
 void ForgetTid() {
     t_tid = 0;
@@ -279,8 +288,8 @@ unsigned int CMyTraceImpl_::GetTracePrefix(int aLevel, char* aBuffer, unsigned i
     clock_gettime(CLOCK_MONOTONIC, &now);
     // "[%s:ENG+%u:%u] %ld.%06ld ", built by hand: this runs for every line.
     // It is built in place when the buffer surely holds it (the usual case).
-    char local[kPrefixMax];
-    char* const begin = aSize >= kPrefixMax ? aBuffer : local;
+    char local[kLongestPrefix + 1];
+    char* const begin = aSize > kLongestPrefix ? aBuffer : local;
     char* out = begin;
     *out++ = '[';
     out = PutText(out, _trace_level_str_arr[index]);

@@ -13,11 +13,12 @@ inline void WriteTrace(MTRACE_LEVEL_TYPE aLevel, const CMyTextFormat& aText) {
     CMyTrace_::Write(MTRACE_OUTPUT_CALLBACK, aLevel, text, length);
 }
 
-// True while a host callback is installed. The library's lines go only there,
-// so without one they are not even built.
+// False once the trace exists with no host callback installed: the library's
+// lines go only there, so they are not even built. Before the trace exists the
+// line goes ahead, so that the first one creates it as it always has.
 inline bool TraceHeard() {
     const CMyTraceImpl_* impl = CMyTraceImpl_::s_LogInstance.load(std::memory_order_acquire);
-    return impl != nullptr && impl->m_logCallback.load(std::memory_order_acquire) != nullptr;
+    return impl == nullptr || impl->m_logCallback.load(std::memory_order_acquire) != nullptr;
 }
 
 // Pointers in trace lines print as %p prints them: ", this=" << Addr(this).
