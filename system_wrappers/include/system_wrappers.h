@@ -19,5 +19,6 @@
 #include "ZemFile.h"
 #include "webrtc_cpu.h"
 #include "webrtc_trace.h"
+#include "tick_util.h"
 
 #endif  // SYSTEM_WRAPPERS_SYSTEM_WRAPPERS_H_

@@ -19,6 +19,7 @@ enum TraceLevel : int {
     kTraceCallInfo = 8,
     kTraceApiInfo = 16,
     kTraceModuleInfo = 32,
+    kTraceMemory = 256,  // debug line with the id
     kTraceDebug = 2048,  // this and every value not listed above: debug lines with the id
     kTraceInfo = 4096,
 };
@@ -26,6 +27,7 @@ enum TraceLevel : int {
 enum TraceModule : int {
     kTraceModuleNone = 0,
     kTraceModuleGeneral = 2,
+    kTraceUtility = 3,  // the portable primitives' own lines
     // Modules 1, 7, 8, 9, 10, 11 and 18 are silenced: their lines are dropped.
 };
 

@@ -4,7 +4,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <new>
@@ -14,20 +13,13 @@
 #endif
 
 #include "sw_trace.h"
+#include "tick_util.h"
 
 namespace webrtc {
 
 namespace {
 
 constexpr long long kMinMeasuringIntervalMs = 500;
-
-// The measuring clock: wall-clock milliseconds.
-long long NowMs() {
-    struct timeval now;
-    gettimeofday(&now, nullptr);
-    const long long micros = static_cast<long long>(now.tv_sec) * 1000000 + now.tv_usec;
-    return micros / 1000;
-}
 
 // Reads the busy ticks (user + system) of each "cpuN" line, in file order,
 // into aTicks (at most aCapacity of them). Returns how many cores the file
@@ -109,7 +101,7 @@ CpuWrapperLinux::CpuWrapperLinux(const char* aStatPath)
     m_coreCount = static_cast<unsigned int>(cores);
     m_coreUsage = usage;
     m_lastBusyTicks = ticks;
-    m_lastUpdateMs = NowMs();
+    m_lastUpdateMs = TickTime::MillisecondTimestamp();
 }
 
 CpuWrapperLinux::~CpuWrapperLinux() {
@@ -133,7 +125,7 @@ int CpuWrapperLinux::CpuUsage(unsigned int) {
 
 int CpuWrapperLinux::CpuUsageMultiCore(unsigned int& aNumCores, unsigned int*& aCoreArray) {
     if (!m_coreUsage) return -1;
-    const long long now = NowMs();
+    const long long now = TickTime::MillisecondTimestamp();
     const long long elapsed = now - m_lastUpdateMs;
     if (elapsed >= kMinMeasuringIntervalMs) {
         if (Update(elapsed) != 0) return -1;
