@@ -20,5 +20,10 @@
 #include "webrtc_cpu.h"
 #include "webrtc_trace.h"
 #include "tick_util.h"
+#include "critical_section_wrapper.h"
+#include "condition_variable_wrapper.h"
+#include "event_wrapper.h"
+#include "rw_lock_wrapper.h"
+#include "atomic32.h"
 
 #endif  // SYSTEM_WRAPPERS_SYSTEM_WRAPPERS_H_

@@ -1,0 +1,260 @@
+// The portable synchronisation primitives: clock, critical section, condition
+// variable, event with timer, read/write lock and atomic counter.
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include <climits>
+#include <cstdio>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "atomic32.h"
+#include "condition_variable_wrapper.h"
+#include "critical_section_wrapper.h"
+#include "event_wrapper.h"
+#include "rw_lock_wrapper.h"
+#include "test_events.h"
+#include "thread_wrapper.h"
+#include "tick_util.h"
+
+namespace {
+
+using namespace webrtc;
+
+// True once the kernel reports thread aTid asleep: how a test knows that a
+// thread is blocked in a lock without guessing a delay.
+bool Asleep(uint32_t aTid) {
+    char path[64];
+    snprintf(path, sizeof(path), "/proc/self/task/%u/stat", aTid);
+    FILE* file = fopen(path, "r");
+    if (!file) return false;
+    char state = '?';
+    const int fields = fscanf(file, "%*d (%*[^)]) %c", &state);
+    fclose(file);
+    return fields == 1 && state == 'S';
+}
+
+TEST(TickTime, WallClockMicrosecondsAndIntervals) {
+    struct timeval before;
+    gettimeofday(&before, nullptr);
+    const TickTime now = TickTime::Now();
+    const int64_t beforeUs = static_cast<int64_t>(before.tv_sec) * 1000000 + before.tv_usec;
+    EXPECT_LE(beforeUs, now.Ticks());
+    EXPECT_LT(now.Ticks() - beforeUs, 10 * 1000000);
+    EXPECT_LE(now.Ticks() / 1000, TickTime::MillisecondTimestamp());
+
+    const TickTime later = now + TickTime::MillisecondsToTicks(1500);
+    const TickInterval gap = later - now;
+    EXPECT_EQ(1500, gap.Milliseconds());
+    EXPECT_EQ(1500000, gap.Microseconds());
+    EXPECT_EQ(1500, TickTime::TicksToMilliseconds((later - 0).Ticks() - now.Ticks()));
+    TickTime back = later;
+    back -= 500000;
+    EXPECT_EQ(1000, (back - now).Milliseconds());
+    EXPECT_TRUE(gap > back - now);
+    EXPECT_EQ(TickInterval(2500000), gap + (back - now));
+    EXPECT_EQ(TickInterval(500000), gap - (back - now));
+}
+
+TEST(CriticalSection, RecursiveAndExclusive) {
+    std::unique_ptr<CriticalSectionWrapper> crit(CriticalSectionWrapper::CreateCriticalSection());
+    ASSERT_TRUE(crit);
+    std::atomic<bool> otherIn{false};
+    crit->Enter();
+    crit->Enter();  // the owner enters again
+    std::thread other([&] {
+        CriticalSectionScoped lock(*crit);
+        otherIn = true;
+    });
+    crit->Leave();  // still held once
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(otherIn);
+    crit->Leave();
+    other.join();
+    EXPECT_TRUE(otherIn);
+
+    int shared = 0;  // TSan and the count catch a lock that excludes nobody
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 20000; ++i) {
+                CriticalSectionScoped lock(crit.get());
+                ++shared;
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(80000, shared);
+}
+
+TEST(ConditionVariable, TimeoutsWakesAndWakeAll) {
+    std::unique_ptr<CriticalSectionWrapper> crit(CriticalSectionWrapper::CreateCriticalSection());
+    std::unique_ptr<ConditionVariableWrapper> cond(ConditionVariableWrapper::CreateConditionVariable());
+    ASSERT_TRUE(crit && cond);
+
+    // A wake with nobody asleep is not remembered.
+    cond->Wake();
+    cond->WakeAll();
+    crit->Enter();
+    EXPECT_FALSE(cond->SleepCS(*crit, 20));
+    crit->Leave();
+
+    int ready = 0;
+    int woken = 0;
+    std::vector<std::thread> sleepers;
+    for (int t = 0; t < 3; ++t) {
+        sleepers.emplace_back([&] {
+            CriticalSectionScoped lock(crit.get());
+            ++ready;
+            while (ready < 100) cond->SleepCS(*crit);
+            ++woken;
+        });
+    }
+    ASSERT_TRUE(WaitUntil([&] {
+        CriticalSectionScoped lock(crit.get());
+        return ready == 3;
+    }));
+    {
+        CriticalSectionScoped lock(crit.get());
+        ready = 100;
+        cond->WakeAll();
+    }
+    for (std::thread& sleeper : sleepers) sleeper.join();
+    EXPECT_EQ(3, woken);
+
+    // One Wake releases a timed sleeper before its limit.
+    bool flag = false;
+    std::thread waker([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        CriticalSectionScoped lock(crit.get());
+        flag = true;
+        cond->Wake();
+    });
+    crit->Enter();
+    bool inTime = true;
+    while (!flag && inTime) inTime = cond->SleepCS(*crit, 60000);
+    crit->Leave();
+    waker.join();
+    EXPECT_TRUE(inTime);
+}
+
+TEST(Event, AutoResetSignals) {
+    std::unique_ptr<EventWrapper> event(EventWrapper::Create());
+    ASSERT_TRUE(event);
+    EXPECT_EQ(kEventTimeout, event->Wait(0));
+    EXPECT_TRUE(event->Set());
+    EXPECT_TRUE(event->Set());  // signals do not add up
+    EXPECT_EQ(kEventSignaled, event->Wait(0));
+    EXPECT_EQ(kEventTimeout, event->Wait(10));
+    event->Set();
+    EXPECT_TRUE(event->Reset());
+    EXPECT_EQ(kEventTimeout, event->Wait(0));
+
+    std::thread setter([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        event->Set();
+    });
+    EXPECT_EQ(kEventSignaled, event->Wait(WEBRTC_EVENT_INFINITE));
+    setter.join();
+}
+
+TEST(Event, OneShotAndPeriodicTimers) {
+    std::unique_ptr<EventWrapper> event(EventWrapper::Create());
+    ASSERT_TRUE(event);
+    EXPECT_FALSE(event->StartTimer(true, 0));
+    EXPECT_FALSE(event->StartTimer(false, 0));
+
+    // A pending one-shot restarts from now with the new time.
+    ASSERT_TRUE(event->StartTimer(false, 600000));
+    ASSERT_TRUE(event->StartTimer(false, 10));
+    EXPECT_EQ(kEventSignaled, event->Wait(60000));
+    EXPECT_EQ(kEventTimeout, event->Wait(50));  // once
+
+    // Periodic: signal n never comes before start + n periods, and a running
+    // periodic timer refuses to restart.
+    const int64_t period = 20;
+    const int64_t start = TickTime::MillisecondTimestamp();
+    ASSERT_TRUE(event->StartTimer(true, period));
+    EXPECT_FALSE(event->StartTimer(true, 1));
+    EXPECT_FALSE(event->StartTimer(false, 1));
+    for (int n = 1; n <= 10; ++n) {
+        ASSERT_EQ(kEventSignaled, event->Wait(60000));
+        EXPECT_GE(TickTime::MillisecondTimestamp() - start, n * period - 1) << "signal " << n;
+    }
+    // A signal nobody consumed is counted once.
+    std::this_thread::sleep_for(std::chrono::milliseconds(5 * period));
+    EXPECT_EQ(kEventSignaled, event->Wait(0));
+    EXPECT_EQ(kEventTimeout, event->Wait(0));
+
+    EXPECT_TRUE(event->StopTimer());
+    event->Reset();
+    EXPECT_EQ(kEventTimeout, event->Wait(5 * period));
+    ASSERT_TRUE(event->StartTimer(true, 1));  // stopped: may start again
+    EXPECT_EQ(kEventSignaled, event->Wait(60000));
+    event.reset();  // deleted with its timer running (ASan watches)
+}
+
+TEST(RWLock, SharedHoldersAndWaitingWriterFirst) {
+    std::unique_ptr<RWLockWrapper> lock(RWLockWrapper::CreateRWLock());
+    ASSERT_TRUE(lock);
+    lock->AcquireLockShared();
+    // A second reader gets in while no writer waits.
+    std::thread([&] { ReadLockScoped reader(*lock); }).join();
+
+    std::mutex orderMutex;
+    std::vector<std::string> order;
+    std::atomic<uint32_t> writerTid{0}, readerTid{0};
+    std::thread writer([&] {
+        writerTid = ThreadWrapper::GetThreadId();
+        WriteLockScoped hold(*lock);
+        std::lock_guard<std::mutex> guard(orderMutex);
+        order.push_back("writer");
+    });
+    ASSERT_TRUE(WaitUntil([&] { return writerTid != 0 && Asleep(writerTid); }));
+    std::thread reader([&] {
+        readerTid = ThreadWrapper::GetThreadId();
+        ReadLockScoped hold(*lock);
+        std::lock_guard<std::mutex> guard(orderMutex);
+        order.push_back("reader");
+    });
+    // The new reader queues behind the waiting writer.
+    ASSERT_TRUE(WaitUntil([&] { return readerTid != 0 && Asleep(readerTid); }));
+    lock->ReleaseLockShared();
+    writer.join();
+    reader.join();
+    EXPECT_EQ((std::vector<std::string>{"writer", "reader"}), order);
+}
+
+TEST(Atomic32, ExactUnderContentionAndWrapping) {
+    Atomic32 counter(5);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 50000; ++i) {
+                if (t % 2) {
+                    ++counter;
+                    counter += 3;
+                } else {
+                    --counter;
+                    counter -= 2;
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(5 + 2 * 50000 * 4 - 2 * 50000 * 3, counter.Value());
+
+    Atomic32 edge(INT32_MAX);
+    EXPECT_EQ(INT32_MIN, ++edge);
+    EXPECT_EQ(INT32_MAX, --edge);
+    EXPECT_EQ(INT32_MIN + 1, edge += 2);
+    EXPECT_EQ(INT32_MAX - 1, edge -= 3);
+    EXPECT_EQ(-2, edge -= INT32_MIN);
+    EXPECT_FALSE(edge.CompareExchange(1, 6));
+    EXPECT_EQ(-2, edge.Value());
+    EXPECT_TRUE(edge.CompareExchange(1, -2));
+    EXPECT_EQ(1, edge.Value());
+}
+
+}  // namespace
