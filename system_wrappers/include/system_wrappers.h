@@ -23,7 +23,10 @@
 #include "critical_section_wrapper.h"
 #include "condition_variable_wrapper.h"
 #include "event_wrapper.h"
+#include "thread_wrapper.h"
 #include "rw_lock_wrapper.h"
 #include "atomic32.h"
+#include "module.h"
+#include "process_thread.h"
 
 #endif  // SYSTEM_WRAPPERS_SYSTEM_WRAPPERS_H_

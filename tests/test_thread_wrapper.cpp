@@ -1,0 +1,272 @@
+// The thread wrapper and the module process thread: start and stop rules,
+// names, priorities, affinity, and that a deregistered module is left alone.
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "event_wrapper.h"
+#include "process_thread.h"
+#include "test_events.h"
+#include "tick_util.h"
+#include "thread_wrapper.h"
+#include "trace_capture.h"
+
+namespace {
+
+using namespace webrtc;
+
+// True once the kernel has no thread aTid in this process any more.
+bool Gone(uint32_t aTid) {
+    return access(("/proc/self/task/" + std::to_string(aTid)).c_str(), F_OK) != 0;
+}
+
+// What a thread function sees and does; the test steers it.
+struct Loop {
+    std::atomic<int> calls{0};
+    std::atomic<int> callsLeft{1 << 30};  // returns false when it reaches 0
+    std::atomic<uint32_t> tid{0};
+    std::atomic<bool> stopFromInside{false};
+    std::atomic<int> insideStopResult{-1};
+    char name[16] = {};
+    int policy = -1;
+    ThreadWrapper* self = nullptr;
+    EventWrapper* block = nullptr;  // when set, each call waits on it
+
+    static bool Run(ThreadObj aLoop) {
+        Loop* loop = static_cast<Loop*>(aLoop);
+        if (loop->calls++ == 0) {
+            loop->tid = ThreadWrapper::GetThreadId();
+            pthread_getname_np(pthread_self(), loop->name, sizeof(loop->name));
+            struct sched_param param;
+            pthread_getschedparam(pthread_self(), &loop->policy, &param);
+        }
+        if (loop->block) loop->block->Wait(WEBRTC_EVENT_INFINITE);
+        if (loop->stopFromInside) loop->insideStopResult = loop->self->Stop();
+        return --loop->callsLeft > 0;
+    }
+};
+
+TEST(ThreadWrapper, CreateStartNameAndLoopEnd) {
+    Loop loop;
+    EXPECT_EQ(nullptr, ThreadWrapper::CreateThread(nullptr, &loop));
+    EXPECT_EQ(nullptr, ThreadWrapper::CreateThread(&Loop::Run, &loop, kNormalPriority, std::string(64, 'n').c_str()));
+    std::unique_ptr<ThreadWrapper> named(
+        ThreadWrapper::CreateThread(&Loop::Run, &loop, kNormalPriority, std::string(63, 'n').c_str()));
+    EXPECT_TRUE(named);
+
+    TraceCapture trace;
+    std::unique_ptr<ThreadWrapper> thread(
+        ThreadWrapper::CreateThread(&Loop::Run, &loop, kLowPriority, "audio_capture_thread"));
+    ASSERT_TRUE(thread);
+    unsigned int id = 0;
+    ASSERT_TRUE(thread->Start(id));
+    EXPECT_TRUE(trace.Traced(MTRACE_LEVEL_INFO, "[TF]: id=-1, Thread with name:audio_capture_thread started"));
+    EXPECT_FALSE(thread->Start(id));
+    // The function runs until it returns false; the thread then ends.
+    loop.callsLeft = 3;
+    ASSERT_TRUE(WaitUntil([&] { return Gone(id); }));
+    EXPECT_EQ(0, loop.callsLeft);
+    EXPECT_EQ(id, loop.tid);
+    EXPECT_NE(ThreadWrapper::GetThreadId(), id);
+    EXPECT_STREQ("audio_capture_t", loop.name);
+    EXPECT_EQ(SCHED_OTHER, loop.policy);
+    EXPECT_TRUE(thread->Stop());
+
+    // An ended thread starts again; an unnamed one traces an empty name.
+    std::unique_ptr<ThreadWrapper> unnamed(ThreadWrapper::CreateThread(&Loop::Run, &loop));
+    loop.callsLeft = 1;
+    EXPECT_TRUE(unnamed->Start(id));
+    EXPECT_TRUE(trace.Traced(MTRACE_LEVEL_INFO, "[TF]: id=-1, Thread with name: started"));
+    ASSERT_TRUE(WaitUntil([&] { return Gone(id); }));
+    loop.callsLeft = 1;
+    EXPECT_TRUE(thread->Start(id));
+    EXPECT_TRUE(thread->Stop());
+}
+
+TEST(ThreadWrapper, StopRules) {
+    Loop never;
+    std::unique_ptr<ThreadWrapper> idle(ThreadWrapper::CreateThread(&Loop::Run, &never));
+    EXPECT_TRUE(idle->Stop());  // never started
+    EXPECT_EQ(0, never.calls);
+
+    // SetNotAlive ends the loop after the current call.
+    Loop loop;
+    std::unique_ptr<ThreadWrapper> thread(ThreadWrapper::CreateThread(&Loop::Run, &loop));
+    unsigned int id = 0;
+    ASSERT_TRUE(thread->Start(id));
+    ASSERT_TRUE(WaitUntil([&] { return loop.calls > 10; }));
+    thread->SetNotAlive();
+    ASSERT_TRUE(thread->Stop());
+    const int calls = loop.calls;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(calls, loop.calls);
+
+    // From inside: refused, and the thread ends after that call.
+    Loop inside;
+    std::unique_ptr<ThreadWrapper> selfStopping(ThreadWrapper::CreateThread(&Loop::Run, &inside));
+    inside.self = selfStopping.get();
+    inside.stopFromInside = true;
+    ASSERT_TRUE(selfStopping->Start(id));
+    ASSERT_TRUE(WaitUntil([&] { return inside.insideStopResult == 0; }));
+    EXPECT_TRUE(selfStopping->Stop());
+    EXPECT_EQ(1, inside.calls);
+
+    // Deleting a running thread stops it first.
+    Loop running;
+    std::unique_ptr<ThreadWrapper> deleted(ThreadWrapper::CreateThread(&Loop::Run, &running));
+    ASSERT_TRUE(deleted->Start(id));
+    deleted.reset();
+    const int done = running.calls;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(done, running.calls);
+}
+
+TEST(ThreadWrapper, StopGivesUpOnAStuckFunctionWhichEndsAlone) {
+    Loop stuck;
+    std::unique_ptr<EventWrapper> release(EventWrapper::Create());
+    stuck.block = release.get();
+    ThreadWrapper* thread = ThreadWrapper::CreateThread(&Loop::Run, &stuck);
+    unsigned int id = 0;
+    ASSERT_TRUE(thread->Start(id));
+    ASSERT_TRUE(WaitUntil([&] { return stuck.calls == 1; }));
+    EXPECT_FALSE(thread->Stop());  // after its 10 seconds
+    EXPECT_FALSE(thread->Start(id));
+    delete thread;  // the thread still runs and must not touch the object
+    release->Set();
+    ASSERT_TRUE(WaitUntil([&] { return stuck.callsLeft < 1 << 30 && Gone(id); }));
+    EXPECT_EQ(1, stuck.calls);
+}
+
+TEST(ThreadWrapper, PriorityAndAffinity) {
+    TraceCapture trace;
+    Loop loop;
+    std::unique_ptr<ThreadWrapper> thread(ThreadWrapper::CreateThread(&Loop::Run, &loop, kRealtimePriority, "rt"));
+    unsigned int id = 0;
+    const int cpu0[] = {0};
+    EXPECT_FALSE(thread->SetAffinity(cpu0, 1));  // not running
+    ASSERT_TRUE(thread->Start(id));
+    ASSERT_TRUE(WaitUntil([&] { return loop.calls > 0; }));
+    // Either the realtime policy, or the default one and one warning line.
+    const size_t warnings = trace.CountMatching(MTRACE_LEVEL_WARNING, "\\[TF\\]:Thread with name:rt.*");
+    EXPECT_TRUE(loop.policy == SCHED_RR ? warnings == 0 : loop.policy == SCHED_OTHER && warnings == 1)
+        << "policy " << loop.policy << ", warnings " << warnings;
+
+    const int missing[] = {0, CPU_SETSIZE + 1};
+    const int negative[] = {-1};
+    EXPECT_FALSE(thread->SetAffinity(nullptr, 1));
+    EXPECT_FALSE(thread->SetAffinity(cpu0, 0));
+    EXPECT_FALSE(thread->SetAffinity(missing, 2));
+    EXPECT_FALSE(thread->SetAffinity(negative, 1));
+    EXPECT_TRUE(thread->SetAffinity(cpu0, 1));
+    EXPECT_TRUE(thread->Stop());
+    EXPECT_FALSE(thread->SetAffinity(cpu0, 1));
+}
+
+// A module that counts its calls, due every aPeriodMs, optionally slow.
+class CountingModule : public Module {
+public:
+    explicit CountingModule(int32_t aPeriodMs = 0, int aProcessMs = 0) : m_period(aPeriodMs), m_slowMs(aProcessMs) {}
+    int32_t TimeUntilNextProcess() override {
+        if (m_period == 0) return 0;
+        const int64_t left = m_next.load() - TickTime::MillisecondTimestamp();
+        return static_cast<int32_t>(left);
+    }
+    int32_t Process() override {
+        m_next = TickTime::MillisecondTimestamp() + m_period;
+        if (m_slowMs) std::this_thread::sleep_for(std::chrono::milliseconds(m_slowMs));
+        m_payload.assign(64, static_cast<char>(m_processed.load()));  // touches the module's memory
+        if (m_onProcess) m_onProcess(this);
+        ++m_processed;
+        return 0;
+    }
+
+    std::atomic<int> m_processed{0};
+    std::function<void(CountingModule*)> m_onProcess;
+
+private:
+    const int32_t m_period;
+    const int m_slowMs;
+    std::atomic<int64_t> m_next{0};
+    std::string m_payload;
+};
+
+TEST(ProcessThread, RegistrationOrderAndRefusals) {
+    TraceCapture trace;
+    ProcessThread* process = ProcessThread::CreateProcessThread();
+    ASSERT_TRUE(process);
+    EXPECT_EQ(0, process->Start());
+    EXPECT_EQ(-1, process->Start());
+    std::mutex orderMutex;
+    std::vector<CountingModule*> order;
+    CountingModule first(1000000), second(1000000);
+    for (CountingModule* module : {&first, &second}) {
+        module->m_onProcess = [&](CountingModule* aModule) {
+            std::lock_guard<std::mutex> lock(orderMutex);
+            order.push_back(aModule);
+        };
+    }
+    EXPECT_EQ(-1, process->RegisterModule(nullptr));
+    EXPECT_EQ(-1, process->DeRegisterModule(&first));
+    // Registered while stopped, both due now: served in one pass, in order.
+    EXPECT_EQ(0, process->Stop());
+    EXPECT_EQ(0, process->RegisterModule(&first));
+    EXPECT_EQ(0, process->RegisterModule(&second));
+    EXPECT_EQ(-1, process->RegisterModule(&first));
+    EXPECT_TRUE(trace.Traced(MTRACE_LEVEL_INFO, "[TF]: id=-1, number of registered modules has increased to 1"));
+    EXPECT_TRUE(trace.Traced(MTRACE_LEVEL_INFO, "[TF]: id=-1, number of registered modules has increased to 2"));
+    EXPECT_EQ(0, process->Start());
+    ASSERT_TRUE(WaitUntil([&] { return second.m_processed == 1; }));
+    EXPECT_EQ((std::vector<CountingModule*>{&first, &second}), order);
+
+    // A module due in 20 ms is served again and again.
+    CountingModule periodic(20);
+    EXPECT_EQ(0, process->RegisterModule(&periodic));
+    EXPECT_TRUE(WaitUntil([&] { return periodic.m_processed >= 3; }));
+    EXPECT_EQ(0, process->DeRegisterModule(&periodic));
+    EXPECT_EQ(-1, process->DeRegisterModule(&periodic));
+    EXPECT_EQ(1, first.m_processed);
+    ProcessThread::DestroyProcessThread(process);
+}
+
+TEST(ProcessThread, DeregisteredModuleMayBeDeletedAtOnce) {
+    ProcessThread* process = ProcessThread::CreateProcessThread();
+    ASSERT_EQ(0, process->Start());
+    for (int round = 0; round < 20; ++round) {
+        CountingModule* slow = new CountingModule(0, 5);
+        ASSERT_EQ(0, process->RegisterModule(slow));
+        ASSERT_TRUE(WaitUntil([&] { return slow->m_processed > round % 3; }));
+        ASSERT_EQ(0, process->DeRegisterModule(slow));
+        delete slow;  // ASan reports any call still running or to come
+    }
+
+    // From inside Process: deregister itself, register another, stop the thread.
+    CountingModule other(1000000);
+    CountingModule self;
+    int selfResult = 1, registerResult = 1, stopResult = 1;
+    self.m_onProcess = [&](CountingModule* aModule) {
+        selfResult = process->DeRegisterModule(aModule);
+        registerResult = process->RegisterModule(&other);
+    };
+    ASSERT_EQ(0, process->RegisterModule(&self));
+    ASSERT_TRUE(WaitUntil([&] { return other.m_processed == 1; }));
+    EXPECT_EQ(0, selfResult);
+    EXPECT_EQ(0, registerResult);
+    EXPECT_EQ(1, self.m_processed);
+    CountingModule stopper;
+    stopper.m_onProcess = [&](CountingModule*) { stopResult = process->Stop(); };
+    ASSERT_EQ(0, process->RegisterModule(&stopper));
+    ASSERT_TRUE(WaitUntil([&] { return stopper.m_processed == 1; }));
+    EXPECT_EQ(-1, stopResult);
+    EXPECT_EQ(0, process->Stop());
+    EXPECT_EQ(1, stopper.m_processed);  // the thread ended after that pass
+    EXPECT_EQ(0, process->DeRegisterModule(&stopper));
+    EXPECT_EQ(0, process->Start());  // a stopped thread starts again
+    ProcessThread::DestroyProcessThread(process);
+}
+
+}  // namespace
