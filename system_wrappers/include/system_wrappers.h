@@ -26,6 +26,8 @@
 #include "thread_wrapper.h"
 #include "rw_lock_wrapper.h"
 #include "atomic32.h"
+#include "list_wrapper.h"
+#include "map_wrapper.h"
 #include "module.h"
 #include "process_thread.h"
 
