@@ -30,5 +30,6 @@
 #include "map_wrapper.h"
 #include "module.h"
 #include "process_thread.h"
+#include "file_wrapper.h"
 
 #endif  // SYSTEM_WRAPPERS_SYSTEM_WRAPPERS_H_
