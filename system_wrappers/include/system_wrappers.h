@@ -31,5 +31,7 @@
 #include "module.h"
 #include "process_thread.h"
 #include "file_wrapper.h"
+#include "aligned_malloc.h"
+#include "sort.h"
 
 #endif  // SYSTEM_WRAPPERS_SYSTEM_WRAPPERS_H_
