@@ -23,6 +23,7 @@ constexpr const char kLibevent[] = "libevent";
 constexpr const char kMutexCv[] = "mutex_cv";
 constexpr const char kSpdlog[] = "spdlog";
 constexpr const char kSharedPtr[] = "shared_ptr";
+constexpr const char kStd[] = "std";  // the C++ standard library
 
 inline std::string Name(const char* aWorkload, const char* aImpl) {
     return std::string(aWorkload) + "/" + aImpl;

@@ -6,7 +6,8 @@
 Benchmarks are named "<workload>/<implementation>"; the medians of the
 repetitions are compared. A "batch" counter divides the time into the time per
 operation; a "bytes" counter is shown as bytes instead of time. Workloads named
-"mechanism_*" measure a part of a design on its own and get a table of their own.
+"mechanism_*" measure a part of a design on its own and get a table of their own,
+and so do workloads that report timer lateness counters (microseconds).
 """
 import json
 import platform
@@ -14,7 +15,8 @@ import re
 import sys
 
 PEERS = [("asio", "Asio"), ("libevent", "libevent"), ("mutex_cv", "mutex+condvar"),
-         ("spdlog", "spdlog"), ("shared_ptr", "shared_ptr<vector>")]
+         ("spdlog", "spdlog"), ("shared_ptr", "shared_ptr<vector>"), ("std", "C++ std")]
+LATENESS = ["late_p50_us", "late_p99_us", "late_max_us", "drift_us"]
 LIB = "lib"
 TO_NS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 
@@ -23,6 +25,7 @@ def load(path):
     with open(path) as f:
         data = json.load(f)
     rows = {}
+    lateness = {}
     for b in data["benchmarks"]:
         if b.get("run_type") == "aggregate" and b.get("aggregate_name") != "median":
             continue
@@ -30,16 +33,19 @@ def load(path):
             print("error in %s: %s" % (b["name"], b.get("error_message")), file=sys.stderr)
             continue
         # Drop what Google Benchmark appends: /iterations:1, /real_time, /manual_time.
-        name = re.sub(r"(/(iterations:\d+|real_time|manual_time))+(_median)?$", "",
+        name = re.sub(r"(/(iterations:\d+|threads:\d+|real_time|manual_time))+(_median)?$", "",
                       b.get("run_name", b["name"]))
         workload, _, impl = name.partition("/")
+        if LATENESS[0] in b:
+            lateness.setdefault(workload, {})[impl] = [b[c] for c in LATENESS]
+            continue
         if "bytes" in b:
             value, unit = b["bytes"], "B"
         else:
             value = b["real_time"] * TO_NS[b["time_unit"]] / b.get("batch", 1)
             unit = "ns"
         rows.setdefault(workload, {})[impl] = (value, unit)
-    return data.get("context", {}), rows
+    return data.get("context", {}), rows, lateness
 
 
 def fmt(entry):
@@ -73,7 +79,7 @@ def main():
     if len(sys.argv) != 2:
         print(__doc__.strip(), file=sys.stderr)
         return 2
-    context, rows = load(sys.argv[1])
+    context, rows, lateness = load(sys.argv[1])
     used = [(key, title) for key, title in PEERS
             if any(key in impls for name, impls in rows.items() if not name.startswith("mechanism_"))]
     print("Machine: " + machine(context))
@@ -96,6 +102,13 @@ def main():
         for name, impls in mechanisms:
             for impl, entry in impls.items():
                 print("| %s | %s | %s |" % (name[len("mechanism_"):], impl, fmt(entry)))
+    if lateness:
+        print()
+        print("| Timer | Implementation | lateness p50 | p99 | max | drift at the end |")
+        print("|---|---|---|---|---|---|")
+        for name, impls in lateness.items():
+            for impl, values in impls.items():
+                print("| %s | %s | %s |" % (name, impl, " | ".join("%.0f us" % v for v in values)))
     return 0
 
 
