@@ -12,8 +12,8 @@
 #include "event_wrapper.h"
 #include "process_thread.h"
 #include "test_events.h"
-#include "tick_util.h"
 #include "thread_wrapper.h"
+#include "tick_util.h"
 #include "trace_capture.h"
 
 namespace {
@@ -30,39 +30,37 @@ struct Loop {
     std::atomic<int> calls{0};
     std::atomic<int> callsLeft{1 << 30};  // returns false when it reaches 0
     std::atomic<uint32_t> tid{0};
-    std::atomic<bool> stopFromInside{false};
-    std::atomic<int> insideStopResult{-1};
+    std::atomic<int> insideStop{-1};
     char name[16] = {};
     int policy = -1;
-    ThreadWrapper* self = nullptr;
+    ThreadWrapper* stopFromInside = nullptr;
     EventWrapper* block = nullptr;  // when set, each call waits on it
 
     static bool Run(ThreadObj aLoop) {
         Loop* loop = static_cast<Loop*>(aLoop);
         if (loop->calls++ == 0) {
-            loop->tid = ThreadWrapper::GetThreadId();
             pthread_getname_np(pthread_self(), loop->name, sizeof(loop->name));
             struct sched_param param;
             pthread_getschedparam(pthread_self(), &loop->policy, &param);
+            loop->tid = ThreadWrapper::GetThreadId();
         }
         if (loop->block) loop->block->Wait(WEBRTC_EVENT_INFINITE);
-        if (loop->stopFromInside) loop->insideStopResult = loop->self->Stop();
+        if (loop->stopFromInside) loop->insideStop = loop->stopFromInside->Stop();
         return --loop->callsLeft > 0;
+    }
+    std::unique_ptr<ThreadWrapper> Make(ThreadPriority aPriority = kNormalPriority, const char* aName = nullptr) {
+        return std::unique_ptr<ThreadWrapper>(ThreadWrapper::CreateThread(&Loop::Run, this, aPriority, aName));
     }
 };
 
 TEST(ThreadWrapper, CreateStartNameAndLoopEnd) {
     Loop loop;
     EXPECT_EQ(nullptr, ThreadWrapper::CreateThread(nullptr, &loop));
-    EXPECT_EQ(nullptr, ThreadWrapper::CreateThread(&Loop::Run, &loop, kNormalPriority, std::string(64, 'n').c_str()));
-    std::unique_ptr<ThreadWrapper> named(
-        ThreadWrapper::CreateThread(&Loop::Run, &loop, kNormalPriority, std::string(63, 'n').c_str()));
-    EXPECT_TRUE(named);
+    EXPECT_EQ(nullptr, loop.Make(kNormalPriority, std::string(64, 'n').c_str()));
+    EXPECT_NE(nullptr, loop.Make(kNormalPriority, std::string(63, 'n').c_str()));
 
     TraceCapture trace;
-    std::unique_ptr<ThreadWrapper> thread(
-        ThreadWrapper::CreateThread(&Loop::Run, &loop, kLowPriority, "audio_capture_thread"));
-    ASSERT_TRUE(thread);
+    std::unique_ptr<ThreadWrapper> thread = loop.Make(kLowPriority, "audio_capture_thread");
     unsigned int id = 0;
     ASSERT_TRUE(thread->Start(id));
     EXPECT_TRUE(trace.Traced(MTRACE_LEVEL_INFO, "[TF]: id=-1, Thread with name:audio_capture_thread started"));
@@ -76,67 +74,60 @@ TEST(ThreadWrapper, CreateStartNameAndLoopEnd) {
     EXPECT_STREQ("audio_capture_t", loop.name);
     EXPECT_EQ(SCHED_OTHER, loop.policy);
     EXPECT_TRUE(thread->Stop());
-
     // An ended thread starts again; an unnamed one traces an empty name.
-    std::unique_ptr<ThreadWrapper> unnamed(ThreadWrapper::CreateThread(&Loop::Run, &loop));
-    loop.callsLeft = 1;
-    EXPECT_TRUE(unnamed->Start(id));
-    EXPECT_TRUE(trace.Traced(MTRACE_LEVEL_INFO, "[TF]: id=-1, Thread with name: started"));
-    ASSERT_TRUE(WaitUntil([&] { return Gone(id); }));
     loop.callsLeft = 1;
     EXPECT_TRUE(thread->Start(id));
     EXPECT_TRUE(thread->Stop());
+    EXPECT_TRUE(loop.Make()->Start(id));
+    EXPECT_TRUE(trace.Traced(MTRACE_LEVEL_INFO, "[TF]: id=-1, Thread with name: started"));
 }
 
 TEST(ThreadWrapper, StopRules) {
     Loop never;
-    std::unique_ptr<ThreadWrapper> idle(ThreadWrapper::CreateThread(&Loop::Run, &never));
-    EXPECT_TRUE(idle->Stop());  // never started
+    EXPECT_TRUE(never.Make()->Stop());  // never started
     EXPECT_EQ(0, never.calls);
 
-    // SetNotAlive ends the loop after the current call.
-    Loop loop;
-    std::unique_ptr<ThreadWrapper> thread(ThreadWrapper::CreateThread(&Loop::Run, &loop));
-    unsigned int id = 0;
-    ASSERT_TRUE(thread->Start(id));
-    ASSERT_TRUE(WaitUntil([&] { return loop.calls > 10; }));
-    thread->SetNotAlive();
-    ASSERT_TRUE(thread->Stop());
-    const int calls = loop.calls;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(calls, loop.calls);
+    // SetNotAlive ends the loop after the current call; so does deleting it.
+    for (bool viaDelete : {false, true}) {
+        Loop loop;
+        std::unique_ptr<ThreadWrapper> thread = loop.Make();
+        unsigned int id = 0;
+        ASSERT_TRUE(thread->Start(id));
+        ASSERT_TRUE(WaitUntil([&] { return loop.calls > 10; }));
+        if (viaDelete) {
+            thread.reset();
+        } else {
+            thread->SetNotAlive();
+            ASSERT_TRUE(WaitUntil([&] { return Gone(id); }));
+            EXPECT_TRUE(thread->Stop());
+        }
+        const int calls = loop.calls;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_EQ(calls, loop.calls);
+    }
 
     // From inside: refused, and the thread ends after that call.
     Loop inside;
-    std::unique_ptr<ThreadWrapper> selfStopping(ThreadWrapper::CreateThread(&Loop::Run, &inside));
-    inside.self = selfStopping.get();
-    inside.stopFromInside = true;
-    ASSERT_TRUE(selfStopping->Start(id));
-    ASSERT_TRUE(WaitUntil([&] { return inside.insideStopResult == 0; }));
-    EXPECT_TRUE(selfStopping->Stop());
+    std::unique_ptr<ThreadWrapper> thread = inside.Make();
+    inside.stopFromInside = thread.get();
+    unsigned int id = 0;
+    ASSERT_TRUE(thread->Start(id));
+    ASSERT_TRUE(WaitUntil([&] { return inside.insideStop == 0; }));
+    EXPECT_TRUE(thread->Stop());
     EXPECT_EQ(1, inside.calls);
-
-    // Deleting a running thread stops it first.
-    Loop running;
-    std::unique_ptr<ThreadWrapper> deleted(ThreadWrapper::CreateThread(&Loop::Run, &running));
-    ASSERT_TRUE(deleted->Start(id));
-    deleted.reset();
-    const int done = running.calls;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(done, running.calls);
 }
 
 TEST(ThreadWrapper, StopGivesUpOnAStuckFunctionWhichEndsAlone) {
     Loop stuck;
     std::unique_ptr<EventWrapper> release(EventWrapper::Create());
     stuck.block = release.get();
-    ThreadWrapper* thread = ThreadWrapper::CreateThread(&Loop::Run, &stuck);
+    std::unique_ptr<ThreadWrapper> thread = stuck.Make();
     unsigned int id = 0;
     ASSERT_TRUE(thread->Start(id));
     ASSERT_TRUE(WaitUntil([&] { return stuck.calls == 1; }));
     EXPECT_FALSE(thread->Stop());  // after its 10 seconds
     EXPECT_FALSE(thread->Start(id));
-    delete thread;  // the thread still runs and must not touch the object
+    thread.reset();  // the thread still runs and must not touch the object
     release->Set();
     ASSERT_TRUE(WaitUntil([&] { return stuck.callsLeft < 1 << 30 && Gone(id); }));
     EXPECT_EQ(1, stuck.calls);
@@ -145,41 +136,34 @@ TEST(ThreadWrapper, StopGivesUpOnAStuckFunctionWhichEndsAlone) {
 TEST(ThreadWrapper, PriorityAndAffinity) {
     TraceCapture trace;
     Loop loop;
-    std::unique_ptr<ThreadWrapper> thread(ThreadWrapper::CreateThread(&Loop::Run, &loop, kRealtimePriority, "rt"));
+    std::unique_ptr<ThreadWrapper> thread = loop.Make(kRealtimePriority, "rt");
     unsigned int id = 0;
-    const int cpu0[] = {0};
+    const int cpu0[] = {0}, missing[] = {0, CPU_SETSIZE + 1}, negative[] = {-1};
     EXPECT_FALSE(thread->SetAffinity(cpu0, 1));  // not running
     ASSERT_TRUE(thread->Start(id));
-    ASSERT_TRUE(WaitUntil([&] { return loop.calls > 0; }));
+    ASSERT_TRUE(WaitUntil([&] { return loop.tid != 0; }));
     // Either the realtime policy, or the default one and one warning line.
     const size_t warnings = trace.CountMatching(MTRACE_LEVEL_WARNING, "\\[TF\\]:Thread with name:rt.*");
     EXPECT_TRUE(loop.policy == SCHED_RR ? warnings == 0 : loop.policy == SCHED_OTHER && warnings == 1)
         << "policy " << loop.policy << ", warnings " << warnings;
-
-    const int missing[] = {0, CPU_SETSIZE + 1};
-    const int negative[] = {-1};
     EXPECT_FALSE(thread->SetAffinity(nullptr, 1));
     EXPECT_FALSE(thread->SetAffinity(cpu0, 0));
     EXPECT_FALSE(thread->SetAffinity(missing, 2));
     EXPECT_FALSE(thread->SetAffinity(negative, 1));
     EXPECT_TRUE(thread->SetAffinity(cpu0, 1));
-    EXPECT_TRUE(thread->Stop());
-    EXPECT_FALSE(thread->SetAffinity(cpu0, 1));
 }
 
-// A module that counts its calls, due every aPeriodMs, optionally slow.
+// A module due every aPeriodMs (0: always), optionally slow to process.
 class CountingModule : public Module {
 public:
-    explicit CountingModule(int32_t aPeriodMs = 0, int aProcessMs = 0) : m_period(aPeriodMs), m_slowMs(aProcessMs) {}
+    explicit CountingModule(int32_t aPeriodMs = 0, int aSlowMs = 0) : m_period(aPeriodMs), m_slowMs(aSlowMs) {}
     int32_t TimeUntilNextProcess() override {
-        if (m_period == 0) return 0;
-        const int64_t left = m_next.load() - TickTime::MillisecondTimestamp();
-        return static_cast<int32_t>(left);
+        return m_period ? static_cast<int32_t>(m_next - TickTime::MillisecondTimestamp()) : 0;
     }
     int32_t Process() override {
         m_next = TickTime::MillisecondTimestamp() + m_period;
-        if (m_slowMs) std::this_thread::sleep_for(std::chrono::milliseconds(m_slowMs));
-        m_payload.assign(64, static_cast<char>(m_processed.load()));  // touches the module's memory
+        std::this_thread::sleep_for(std::chrono::milliseconds(m_slowMs));
+        m_payload.assign(64, 'x');  // touches the module's memory
         if (m_onProcess) m_onProcess(this);
         ++m_processed;
         return 0;
@@ -198,7 +182,6 @@ private:
 TEST(ProcessThread, RegistrationOrderAndRefusals) {
     TraceCapture trace;
     ProcessThread* process = ProcessThread::CreateProcessThread();
-    ASSERT_TRUE(process);
     EXPECT_EQ(0, process->Start());
     EXPECT_EQ(-1, process->Start());
     std::mutex orderMutex;
@@ -223,7 +206,7 @@ TEST(ProcessThread, RegistrationOrderAndRefusals) {
     ASSERT_TRUE(WaitUntil([&] { return second.m_processed == 1; }));
     EXPECT_EQ((std::vector<CountingModule*>{&first, &second}), order);
 
-    // A module due in 20 ms is served again and again.
+    // A module due in 20 ms is served again and again; the others wait.
     CountingModule periodic(20);
     EXPECT_EQ(0, process->RegisterModule(&periodic));
     EXPECT_TRUE(WaitUntil([&] { return periodic.m_processed >= 3; }));
@@ -245,8 +228,7 @@ TEST(ProcessThread, DeregisteredModuleMayBeDeletedAtOnce) {
     }
 
     // From inside Process: deregister itself, register another, stop the thread.
-    CountingModule other(1000000);
-    CountingModule self;
+    CountingModule other(1000000), self, stopper;
     int selfResult = 1, registerResult = 1, stopResult = 1;
     self.m_onProcess = [&](CountingModule* aModule) {
         selfResult = process->DeRegisterModule(aModule);
@@ -257,7 +239,6 @@ TEST(ProcessThread, DeregisteredModuleMayBeDeletedAtOnce) {
     EXPECT_EQ(0, selfResult);
     EXPECT_EQ(0, registerResult);
     EXPECT_EQ(1, self.m_processed);
-    CountingModule stopper;
     stopper.m_onProcess = [&](CountingModule*) { stopResult = process->Stop(); };
     ASSERT_EQ(0, process->RegisterModule(&stopper));
     ASSERT_TRUE(WaitUntil([&] { return stopper.m_processed == 1; }));
