@@ -86,6 +86,12 @@ TEST(ThreadWrapper, StopRules) {
     Loop never;
     EXPECT_TRUE(never.Make()->Stop());  // never started
     EXPECT_EQ(0, never.calls);
+    // Stopped as soon as it started, the function still ran.
+    std::unique_ptr<ThreadWrapper> quick = never.Make();
+    unsigned int quickId = 0;
+    ASSERT_TRUE(quick->Start(quickId));
+    EXPECT_TRUE(quick->Stop());
+    EXPECT_LE(1, never.calls);
 
     // SetNotAlive ends the loop after the current call; so does deleting it.
     for (bool viaDelete : {false, true}) {

@@ -37,7 +37,9 @@ public:
     virtual ~ThreadWrapper() {}
 
     // Returns once the thread runs, with aId its kernel id; false when it
-    // runs already or could not start. A thread that has ended may start again.
+    // runs already or could not start. The thread then calls the function at
+    // least once, and again while it returns true and the thread is alive.
+    // A thread that has ended may start again.
     virtual bool Start(unsigned int& aId) = 0;
     // The loop ends after the current call of the function.
     virtual void SetNotAlive() = 0;

@@ -82,7 +82,9 @@ void* RunThread(void* aRun) {
     pthread_cond_broadcast(&run->cond);
     pthread_mutex_unlock(&run->mutex);
 
-    while (run->alive.load(std::memory_order_acquire) && run->func(run->obj)) {
+    // The first call always comes, so a Stop right after Start still lets
+    // the function run once.
+    while (run->func(run->obj) && run->alive.load(std::memory_order_acquire)) {
     }
 
     pthread_mutex_lock(&run->mutex);
