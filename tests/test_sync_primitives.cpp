@@ -202,6 +202,21 @@ TEST(RWLock, SharedHoldersAndWaitingWriterFirst) {
     writer.join();
     reader.join();
     EXPECT_EQ((std::vector<std::string>{"writer", "reader"}), order);
+
+    // Writers exclude each other and the readers (TSan watches the reads).
+    int written = 0, torn = 0;
+    RunThreads(4, [&](int aThread) {
+        for (int i = 0; i < 5000; ++i) {
+            if (aThread < 2) {
+                WriteLockScoped hold(*lock);
+                written += 2;
+            } else {
+                ReadLockScoped hold(*lock);
+                torn += written % 2;
+            }
+        }
+    });
+    EXPECT_EQ(20000, written);
 }
 
 TEST(Atomic32, ExactUnderContentionAndWrapping) {

@@ -1,5 +1,6 @@
 // A read/write lock whose writers are not starved: once a writer waits, new
-// shared acquisitions wait behind it.
+// shared acquisitions wait behind it (so a reader must not acquire it again
+// while it holds it). Neither side is recursive.
 #ifndef SYSTEM_WRAPPERS_RW_LOCK_WRAPPER_H_
 #define SYSTEM_WRAPPERS_RW_LOCK_WRAPPER_H_
 
