@@ -37,6 +37,7 @@ TEST_F(FileWrapperTest, WriteUnderTheLimitThenReadLoopingAndOnce) {
     ASSERT_EQ(0, m_file->SetMaxFileSize(10));
     ASSERT_EQ(0, m_file->OpenFile(m_path.c_str(), false));
     EXPECT_TRUE(m_file->Write("0123456", 7));
+    EXPECT_TRUE(m_file->Write("", 0));
     EXPECT_FALSE(m_file->Write("abcd", 4));  // would pass the limit: nothing is written
     EXPECT_EQ(-1, m_file->WriteText("%s", "abcd"));
     EXPECT_EQ(3, m_file->WriteText("%d%s", 78, "9"));

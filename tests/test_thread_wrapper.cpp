@@ -33,6 +33,7 @@ struct Loop {
     std::atomic<int> insideStop{-1};
     char name[16] = {};
     int policy = -1;
+    int priority = -1;
     ThreadWrapper* stopFromInside = nullptr;
     EventWrapper* block = nullptr;  // when set, each call waits on it
 
@@ -42,6 +43,7 @@ struct Loop {
             pthread_getname_np(pthread_self(), loop->name, sizeof(loop->name));
             struct sched_param param;
             pthread_getschedparam(pthread_self(), &loop->policy, &param);
+            loop->priority = param.sched_priority;
             loop->tid = ThreadWrapper::GetThreadId();
         }
         if (loop->block) loop->block->Wait(WEBRTC_EVENT_INFINITE);
@@ -150,8 +152,9 @@ TEST(ThreadWrapper, PriorityAndAffinity) {
     ASSERT_TRUE(WaitUntil([&] { return loop.tid != 0; }));
     // Either the realtime policy, or the default one and one warning line.
     const size_t warnings = trace.CountMatching(MTRACE_LEVEL_WARNING, "\\[TF\\]:Thread with name:rt.*");
-    EXPECT_TRUE(loop.policy == SCHED_RR ? warnings == 0 : loop.policy == SCHED_OTHER && warnings == 1)
-        << "policy " << loop.policy << ", warnings " << warnings;
+    EXPECT_TRUE(loop.policy == SCHED_RR ? warnings == 0 && loop.priority == sched_get_priority_max(SCHED_RR)
+                                        : loop.policy == SCHED_OTHER && warnings == 1)
+        << "policy " << loop.policy << ", priority " << loop.priority << ", warnings " << warnings;
     EXPECT_FALSE(thread->SetAffinity(nullptr, 1));
     EXPECT_FALSE(thread->SetAffinity(cpu0, 0));
     EXPECT_FALSE(thread->SetAffinity(missing, 2));
@@ -253,7 +256,17 @@ TEST(ProcessThread, DeregisteredModuleMayBeDeletedAtOnce) {
     EXPECT_EQ(1, stopper.m_processed);  // the thread ended after that pass
     EXPECT_EQ(0, process->DeRegisterModule(&stopper));
     EXPECT_EQ(0, process->Start());  // a stopped thread starts again
-    ProcessThread::DestroyProcessThread(process);
+
+    // Destroyed from inside Process: freed once that pass ends (ASan checks).
+    CountingModule destroyer;
+    std::atomic<uint32_t> serving{0};
+    destroyer.m_onProcess = [&](CountingModule*) {
+        serving = ThreadWrapper::GetThreadId();
+        ProcessThread::DestroyProcessThread(process);
+    };
+    ASSERT_EQ(0, process->RegisterModule(&destroyer));
+    ASSERT_TRUE(WaitUntil([&] { return serving != 0 && Gone(serving); }));
+    EXPECT_EQ(1, destroyer.m_processed);
 }
 
 }  // namespace

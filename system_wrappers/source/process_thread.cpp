@@ -86,18 +86,17 @@ public:
 
     int32_t RegisterModule(Module* aModule) override {
         if (!aModule) return -1;
-        int count = 0;
-        {
-            CriticalSectionScoped lock(m_crit);
-            if (Find(aModule) != m_modules.end()) return -1;
-            try {
-                m_modules.push_back(Entry{aModule, ++m_lastSequence});
-            } catch (...) {
-                return -1;
-            }
-            count = static_cast<int>(m_modules.size());
+        // All under the lock: once the module can be served, it may destroy
+        // this object, so nothing here may touch it after the lock is left.
+        CriticalSectionScoped lock(m_crit);
+        if (Find(aModule) != m_modules.end()) return -1;
+        try {
+            m_modules.push_back(Entry{aModule, ++m_lastSequence});
+        } catch (...) {
+            return -1;
         }
-        Trace::Add(kTraceInfo, kTraceUtility, -1, "number of registered modules has increased to %d", count);
+        Trace::Add(kTraceInfo, kTraceUtility, -1, "number of registered modules has increased to %d",
+                   static_cast<int>(m_modules.size()));
         m_wake->Set();
         return 0;
     }
