@@ -204,7 +204,8 @@ TEST(RWLock, SharedHoldersAndWaitingWriterFirst) {
     EXPECT_EQ((std::vector<std::string>{"writer", "reader"}), order);
 
     // Writers exclude each other and the readers (TSan watches the reads).
-    int written = 0, torn = 0;
+    int written = 0;
+    std::atomic<int> odd{0};  // readers share the lock, so their own count is atomic
     RunThreads(4, [&](int aThread) {
         for (int i = 0; i < 5000; ++i) {
             if (aThread < 2) {
@@ -212,11 +213,12 @@ TEST(RWLock, SharedHoldersAndWaitingWriterFirst) {
                 written += 2;
             } else {
                 ReadLockScoped hold(*lock);
-                torn += written % 2;
+                odd += written % 2;
             }
         }
     });
     EXPECT_EQ(20000, written);
+    EXPECT_EQ(0, odd);
 }
 
 TEST(Atomic32, ExactUnderContentionAndWrapping) {
