@@ -28,6 +28,8 @@ bool Gone(uint32_t aTid) {
 // What a thread function sees and does; the test steers it.
 struct Loop {
     std::atomic<int> calls{0};
+    std::atomic<int> returns{0};
+    int sleepMs = 0;
     std::atomic<int> callsLeft{1 << 30};  // returns false when it reaches 0
     std::atomic<uint32_t> tid{0};
     std::atomic<int> insideStop{-1};
@@ -48,7 +50,10 @@ struct Loop {
         }
         if (loop->block) loop->block->Wait(WEBRTC_EVENT_INFINITE);
         if (loop->stopFromInside) loop->insideStop = loop->stopFromInside->Stop();
-        return --loop->callsLeft > 0;
+        std::this_thread::sleep_for(std::chrono::milliseconds(loop->sleepMs));
+        const bool again = --loop->callsLeft > 0;
+        ++loop->returns;
+        return again;
     }
     std::unique_ptr<ThreadWrapper> Make(ThreadPriority aPriority = kNormalPriority, const char* aName = nullptr) {
         return std::unique_ptr<ThreadWrapper>(ThreadWrapper::CreateThread(&Loop::Run, this, aPriority, aName));
@@ -98,10 +103,11 @@ TEST(ThreadWrapper, StopRules) {
     // SetNotAlive ends the loop after the current call; so does deleting it.
     for (bool viaDelete : {false, true}) {
         Loop loop;
+        loop.sleepMs = 1;  // so that the end most likely finds a call running
         std::unique_ptr<ThreadWrapper> thread = loop.Make();
         unsigned int id = 0;
         ASSERT_TRUE(thread->Start(id));
-        ASSERT_TRUE(WaitUntil([&] { return loop.calls > 10; }));
+        ASSERT_TRUE(WaitUntil([&] { return loop.calls > 3; }));
         if (viaDelete) {
             thread.reset();
         } else {
@@ -110,6 +116,7 @@ TEST(ThreadWrapper, StopRules) {
             EXPECT_TRUE(thread->Stop());
         }
         const int calls = loop.calls;
+        EXPECT_EQ(calls, loop.returns);  // no call left running
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         EXPECT_EQ(calls, loop.calls);
     }
@@ -137,29 +144,39 @@ TEST(ThreadWrapper, StopGivesUpOnAStuckFunctionWhichEndsAlone) {
     EXPECT_FALSE(thread->Start(id));
     thread.reset();  // the thread still runs and must not touch the object
     release->Set();
-    ASSERT_TRUE(WaitUntil([&] { return stuck.callsLeft < 1 << 30 && Gone(id); }));
+    ASSERT_TRUE(WaitUntil([&] { return stuck.returns == 1 && Gone(id); }));
     EXPECT_EQ(1, stuck.calls);
 }
 
 TEST(ThreadWrapper, PriorityAndAffinity) {
+    bool realtimeAllowed = false;  // whether this process may use the realtime policy at all
+    std::thread([&] {
+        const struct sched_param param = {sched_get_priority_min(SCHED_RR)};
+        realtimeAllowed = pthread_setschedparam(pthread_self(), SCHED_RR, &param) == 0;
+    }).join();
     TraceCapture trace;
-    Loop loop;
-    std::unique_ptr<ThreadWrapper> thread = loop.Make(kRealtimePriority, "rt");
-    unsigned int id = 0;
     const int cpu0[] = {0}, missing[] = {0, CPU_SETSIZE + 1}, negative[] = {-1};
-    EXPECT_FALSE(thread->SetAffinity(cpu0, 1));  // not running
-    ASSERT_TRUE(thread->Start(id));
-    ASSERT_TRUE(WaitUntil([&] { return loop.tid != 0; }));
-    // Either the realtime policy, or the default one and one warning line.
-    const size_t warnings = trace.CountMatching(MTRACE_LEVEL_WARNING, "\\[TF\\]:Thread with name:rt.*");
-    EXPECT_TRUE(loop.policy == SCHED_RR ? warnings == 0 && loop.priority == sched_get_priority_max(SCHED_RR)
-                                        : loop.policy == SCHED_OTHER && warnings == 1)
-        << "policy " << loop.policy << ", priority " << loop.priority << ", warnings " << warnings;
-    EXPECT_FALSE(thread->SetAffinity(nullptr, 1));
-    EXPECT_FALSE(thread->SetAffinity(cpu0, 0));
-    EXPECT_FALSE(thread->SetAffinity(missing, 2));
-    EXPECT_FALSE(thread->SetAffinity(negative, 1));
-    EXPECT_TRUE(thread->SetAffinity(cpu0, 1));
+    for (ThreadPriority priority : {kHighestPriority, kRealtimePriority}) {
+        Loop loop;
+        const std::string name = "rt" + std::to_string(priority);
+        std::unique_ptr<ThreadWrapper> thread = loop.Make(priority, name.c_str());
+        unsigned int id = 0;
+        EXPECT_FALSE(thread->SetAffinity(cpu0, 1));  // not running
+        ASSERT_TRUE(thread->Start(id));
+        ASSERT_TRUE(WaitUntil([&] { return loop.tid != 0; }));
+        // Round-robin, highest one step below realtime; where refused, the
+        // default policy and one warning line.
+        const int expected = sched_get_priority_max(SCHED_RR) - (priority == kHighestPriority ? 1 : 0);
+        const size_t warnings = trace.CountMatching(MTRACE_LEVEL_WARNING, "\\[TF\\]:Thread with name:" + name + ",.*");
+        EXPECT_TRUE(realtimeAllowed ? loop.policy == SCHED_RR && warnings == 0 && loop.priority == expected
+                                    : loop.policy == SCHED_OTHER && warnings == 1)
+            << name << ": policy " << loop.policy << ", priority " << loop.priority << ", warnings " << warnings;
+        EXPECT_FALSE(thread->SetAffinity(nullptr, 1));
+        EXPECT_FALSE(thread->SetAffinity(cpu0, 0));
+        EXPECT_FALSE(thread->SetAffinity(missing, 2));
+        EXPECT_FALSE(thread->SetAffinity(negative, 1));
+        EXPECT_TRUE(thread->SetAffinity(cpu0, 1));
+    }
 }
 
 // A module due every aPeriodMs (0: always), optionally slow to process.
