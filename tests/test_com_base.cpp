@@ -1,10 +1,4 @@
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <thread>
-
-#include "ComBase.h"
+#include "test_support.h"
 
 namespace {
 

@@ -3,12 +3,8 @@
 #include <list>
 #include <map>
 #include <random>
-#include <thread>
-#include <vector>
 
-#include "list_wrapper.h"
-#include "map_wrapper.h"
-#include "trace_capture.h"
+#include "test_support.h"
 
 namespace {
 

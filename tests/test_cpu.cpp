@@ -1,54 +1,32 @@
 // Processor load, core count, host facts and feature tests.
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <stdio.h>
-#include <stdlib.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
-#include <fstream>
-#include <string>
-#include <thread>
 #include <tuple>
 
-#include "webrtc_cpu.h"
+#include "test_support.h"
 
 namespace {
 
 using webrtc::ComCpuInfo;
 using webrtc::CpuWrapperLinux;
 
+using CpuWrapperTest = TempDirTest;
+
 // A statistics file of two cores with the given user, nice and system ticks.
-class FakeStat {
-public:
-    FakeStat() {
-        char pattern[] = "/tmp/sw_stat_XXXXXX";
-        const int fd = mkstemp(pattern);
-        if (fd >= 0) close(fd);
-        path_ = pattern;
-    }
-    ~FakeStat() { unlink(path_.c_str()); }
-    void Put(unsigned long long aUser0, unsigned long long aSystem0, unsigned long long aUser1) {
-        std::ofstream(path_) << "cpu  1 2 3 4 5 6 7 8 9 10\n"
-                             << "cpu0 " << aUser0 << " 9999 " << aSystem0 << " 400 0 0 0 0 0 0\n"
-                             << "cpu1 " << aUser1 << " 9999 0 400 0 0 0 0 0 0\n"
-                             << "intr 1 2 3\n";
-    }
-    const char* Path() const { return path_.c_str(); }
+void PutStat(const std::string& aPath, unsigned long long aUser0, unsigned long long aSystem0,
+             unsigned long long aUser1) {
+    std::ofstream(aPath) << "cpu  1 2 3 4 5 6 7 8 9 10\n"
+                         << "cpu0 " << aUser0 << " 9999 " << aSystem0 << " 400 0 0 0 0 0 0\n"
+                         << "cpu1 " << aUser1 << " 9999 0 400 0 0 0 0 0 0\nintr 1 2 3\n";
+}
 
-private:
-    std::string path_;
-};
-
-TEST(CpuWrapper, FiguresHoldForHalfASecondThenFollowBusyTicks) {
-    FakeStat stat;
-    stat.Put(100, 100, 100);
-    CpuWrapperLinux cpu(stat.Path());
+TEST_F(CpuWrapperTest, FiguresHoldForHalfASecondThenFollowBusyTicks) {
+    PutStat(m_path, 100, 100, 100);
+    CpuWrapperLinux cpu(m_path.c_str());
     ASSERT_EQ(2u, cpu.m_coreCount);
 
     // New ticks inside 500 ms change nothing.
-    stat.Put(5100, 2100, 100);
+    PutStat(m_path, 5100, 2100, 100);
     unsigned int cores = 0;
     unsigned int* usage = nullptr;
     EXPECT_EQ(0, cpu.CpuUsageMultiCore(cores, usage));
@@ -62,12 +40,12 @@ TEST(CpuWrapper, FiguresHoldForHalfASecondThenFollowBusyTicks) {
     EXPECT_NEAR(70, usage[0], 1);
     EXPECT_EQ(0u, usage[1]);
     EXPECT_EQ(static_cast<int>((usage[0] + usage[1]) / 2), average);
-    stat.Put(9100, 9100, 9100);
+    PutStat(m_path, 9100, 9100, 9100);
     EXPECT_EQ(average, cpu.CpuUsage());
     EXPECT_NEAR(70, usage[0], 1);
 
     // A failed measurement keeps the last figures.
-    std::ofstream(stat.Path()) << "cpu0 garbage\n";
+    std::ofstream(m_path) << "cpu0 garbage\n";
     cpu.m_lastUpdateMs -= 100000;
     EXPECT_EQ(-1, cpu.CpuUsage());
     EXPECT_NEAR(70, usage[0], 1);
@@ -116,10 +94,9 @@ TEST(ComCpuInfo, CachedCountAndFactsTheHostStored) {
     EXPECT_EQ(3, ComCpuInfo::GetCpuCoreNums());
     ComCpuInfo::_nums_cores = 0;
 
-    // Facts are copied out only in pairs that are both known.
-    ComCpuInfo::_max_frequency = ComCpuInfo::_min_frequency = 0;
-    ComCpuInfo::_cpu_category = webrtc::COM_CPUHW_CATEGORY_UNKNOWN;
-    ComCpuInfo::_cpu_arch = webrtc::COM_CPU_ARCHITECT_UNKNOWN;
+    // Nothing is known until the host stores it; facts are copied out only
+    // in pairs that are both known.
+    EXPECT_EQ(0ul, ComCpuInfo::GetRawMemory());
     unsigned long max = 11, min = 22;
     auto category = static_cast<webrtc::COM_CPUHW_CATEGORY>(5);
     auto arch = static_cast<webrtc::COM_CPU_ARCHITECT>(6);

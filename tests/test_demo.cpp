@@ -1,20 +1,11 @@
 // The demo engine as a user runs it: a short echo run to a clean summary, the
 // command-line refusals, and the serve mode with its log read by sw_shmlog.
 #include <arpa/inet.h>
-#include <errno.h>
 #include <netinet/in.h>
-#include <signal.h>
-#include <stdlib.h>
 #include <sys/socket.h>
-#include <unistd.h>
-
 #include <regex>
-#include <string>
 
-#include <gtest/gtest.h>
-
-#include "channel_fixture.h"
-#include "run_program.h"
+#include "test_support.h"
 
 namespace {
 

@@ -1,8 +1,4 @@
-#include <gtest/gtest.h>
-
-#include "ComEventQueue.h"
-#include "test_events.h"
-#include "trace_capture.h"
+#include "test_support.h"
 
 namespace {
 

@@ -1,73 +1,49 @@
 // File wrappers: both back ends, including where they differ on purpose.
-#include <errno.h>
 #include <stdio.h>
-#include <stdlib.h>
-#include <unistd.h>
 
-#include <fstream>
-#include <sstream>
-#include <string>
-
-#include "ZemFile.h"
-#include "trace_capture.h"
+#include "test_support.h"
 
 namespace {
 
-class FileTest : public ::testing::Test {
+class FileTest : public TempDirTest {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/sw_file_XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(pattern));
-        dir_ = pattern;
-        path_ = dir_ + "/data";
-    }
-    void TearDown() override {
-        unlink(path_.c_str());
-        rmdir(dir_.c_str());
-    }
-    void Put(const std::string& aText) { std::ofstream(path_) << aText; }
-    std::string Content() const {
-        std::stringstream text;
-        text << std::ifstream(path_).rdbuf();
-        return text.str();
-    }
-    const unsigned char* Bytes(const char* aText) {
+    void Put(const std::string& aText) { std::ofstream(m_path) << aText; }
+    std::string Content() const { return ReadFile(m_path); }
+    static const unsigned char* Bytes(const char* aText) {
         return reinterpret_cast<const unsigned char*>(aText);
     }
-
-    std::string dir_, path_;
     TraceCapture trace_;
 };
 
 TEST_F(FileTest, FlagsMeanTruncateForUnixAndAppendForStd) {
     CZemFileUnix unixFile;
     CZemFileStd stdFile;
-    EXPECT_EQ(-1, unixFile.OpenFile(path_.c_str(), static_cast<FILE_RW_TYPE>(3), false, false));
-    EXPECT_EQ(-1, stdFile.OpenFile(path_.c_str(), static_cast<FILE_RW_TYPE>(3), true, true));
-    EXPECT_NE(0, access(path_.c_str(), F_OK));  // nothing was created
+    EXPECT_EQ(-1, unixFile.OpenFile(m_path.c_str(), static_cast<FILE_RW_TYPE>(3), false, false));
+    EXPECT_EQ(-1, stdFile.OpenFile(m_path.c_str(), static_cast<FILE_RW_TYPE>(3), true, true));
+    EXPECT_NE(0, access(m_path.c_str(), F_OK));  // nothing was created
 
     Put("abcdef");
-    ASSERT_EQ(0, unixFile.OpenFile(path_.c_str(), FILE_RW_WRITE, false, true));
+    ASSERT_EQ(0, unixFile.OpenFile(m_path.c_str(), FILE_RW_WRITE, false, true));
     EXPECT_EQ(2, unixFile.WriteTo(Bytes("XY"), 2));  // keeps the rest, starts at 0
     EXPECT_EQ(0, unixFile.CloseFile());
     EXPECT_EQ("XYcdef", Content());
-    ASSERT_EQ(0, unixFile.OpenFile(path_.c_str(), FILE_RW_READWRITE, true, false));
+    ASSERT_EQ(0, unixFile.OpenFile(m_path.c_str(), FILE_RW_READWRITE, true, false));
     EXPECT_EQ(0, unixFile.CloseFile());
     EXPECT_EQ("", Content());
 
     Put("abc");
-    ASSERT_EQ(0, stdFile.OpenFile(path_.c_str(), FILE_RW_WRITE, true, false));
+    ASSERT_EQ(0, stdFile.OpenFile(m_path.c_str(), FILE_RW_WRITE, true, false));
     EXPECT_EQ(1, stdFile.WriteTo(Bytes("de"), 2));  // whole blocks, not bytes
     EXPECT_EQ(0, stdFile.CloseFile());
     EXPECT_EQ("abcde", Content());
-    ASSERT_EQ(0, stdFile.OpenFile(path_.c_str(), FILE_RW_READWRITE, false, true));
+    ASSERT_EQ(0, stdFile.OpenFile(m_path.c_str(), FILE_RW_READWRITE, false, true));
     EXPECT_EQ(0, stdFile.CloseFile());
     EXPECT_EQ("", Content());
 
-    EXPECT_EQ(-1, unixFile.OpenFile((dir_ + "/missing/x").c_str(), FILE_RW_READ, false, false));
+    EXPECT_EQ(-1, unixFile.OpenFile((m_dir + "/missing/x").c_str(), FILE_RW_READ, false, false));
     EXPECT_EQ(ENOENT, errno);  // left as open() set it, after the trace line
     EXPECT_TRUE(trace_.Traced(MTRACE_LEVEL_ERROR, "[FILE IO can not open file error:]2 FILE name:" +
-                                                      dir_ + "/missing/x" + This(&unixFile)));
+                                                      m_dir + "/missing/x" + This(&unixFile)));
 }
 
 TEST_F(FileTest, ReadWriteResultsAndWrongDirection) {
@@ -77,7 +53,7 @@ TEST_F(FileTest, ReadWriteResultsAndWrongDirection) {
     unsigned char buffer[128] = {};
     std::string hundred(100, 'h');
 
-    ASSERT_EQ(0, created->OpenFile(path_.c_str(), FILE_RW_WRITE, true, false));
+    ASSERT_EQ(0, created->OpenFile(m_path.c_str(), FILE_RW_WRITE, true, false));
     EXPECT_EQ(100, created->WriteTo(Bytes(hundred.c_str()), 100));
     EXPECT_EQ(-1, created->ReadFrom(buffer, 10));
     EXPECT_EQ(1u, trace_.CountMatching(MTRACE_LEVEL_ERROR,
@@ -88,7 +64,7 @@ TEST_F(FileTest, ReadWriteResultsAndWrongDirection) {
     EXPECT_EQ(-1, created->CloseFile());
     EXPECT_EQ(-1, created->WriteTo(Bytes("x"), 1));
 
-    ASSERT_EQ(0, created->OpenFile(path_.c_str(), FILE_RW_READ, true, false));
+    ASSERT_EQ(0, created->OpenFile(m_path.c_str(), FILE_RW_READ, true, false));
     EXPECT_EQ(-1, created->WriteTo(Bytes("x"), 1));  // read-only
     EXPECT_EQ(100, created->ReadFrom(buffer, 128));
     EXPECT_EQ(0, created->ReadFrom(buffer, 128));  // end of file
@@ -98,7 +74,7 @@ TEST_F(FileTest, ReadWriteResultsAndWrongDirection) {
     CZemFileStd stdFile;
     EXPECT_EQ(-1, stdFile.ReadFrom(buffer, 1));
     EXPECT_EQ(-1, stdFile.WriteTo(Bytes("x"), 1));
-    ASSERT_EQ(0, stdFile.OpenFile(path_.c_str(), FILE_RW_READWRITE, true, true));
+    ASSERT_EQ(0, stdFile.OpenFile(m_path.c_str(), FILE_RW_READWRITE, true, true));
     EXPECT_EQ(1, stdFile.WriteTo(Bytes(hundred.c_str()), 100));
     EXPECT_EQ(-1, stdFile.ReadFrom(nullptr, 4));
     EXPECT_EQ(0, stdFile.CloseFile());
@@ -114,8 +90,8 @@ TEST_F(FileTest, SeekingAndSizes) {
     EXPECT_EQ(-1, unixFile.GetFileSize());
     EXPECT_EQ(-1, stdFile.SeekPos(0, SEEK_FROM_BEGIN));
     EXPECT_EQ(-1, stdFile.GetFileSize());
-    ASSERT_EQ(0, unixFile.OpenFile(path_.c_str(), FILE_RW_READ, false, false));
-    ASSERT_EQ(0, stdFile.OpenFile(path_.c_str(), FILE_RW_READ, false, false));
+    ASSERT_EQ(0, unixFile.OpenFile(m_path.c_str(), FILE_RW_READ, false, false));
+    ASSERT_EQ(0, stdFile.OpenFile(m_path.c_str(), FILE_RW_READ, false, false));
 
     for (CZemFileWrapper* file : {static_cast<CZemFileWrapper*>(&unixFile),
                                   static_cast<CZemFileWrapper*>(&stdFile)}) {

@@ -1,35 +1,14 @@
 // FileWrapper on real files in a fresh temporary directory: round trips, the
 // size limit, looping reads, refusals, adopted streams, shared use.
-#include <errno.h>
-#include <fcntl.h>
-#include <stdlib.h>
-
-#include <atomic>
-#include <filesystem>
-#include <memory>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "file_wrapper.h"
+#include "test_support.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using webrtc::FileWrapper;
 
-class FileWrapperTest : public ::testing::Test {
+class FileWrapperTest : public TempDirTest {
 protected:
-    void SetUp() override {
-        std::string dir = (fs::temp_directory_path() / "sw_file_XXXXXX").string();
-        ASSERT_NE(nullptr, mkdtemp(dir.data()));
-        m_dir = dir;
-        m_path = m_dir + "/data";
-    }
-    void TearDown() override { fs::remove_all(m_dir); }
-
-    std::string m_dir, m_path;
     std::unique_ptr<FileWrapper> m_file{FileWrapper::Create()};
 };
 

@@ -1,13 +1,8 @@
 // Message blocks and buffer wrappers: partial transfers, offsets, sharing
 // between copies, and the last reference freeing the block (run under ASan).
-#include <gtest/gtest.h>
 #include <string.h>
 
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "ComMessageBlock.h"
+#include "test_support.h"
 
 namespace {
 

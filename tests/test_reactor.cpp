@@ -1,18 +1,9 @@
 // The reactor, its wake-up pipe and the reactor thread.
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <fstream>
-#include <memory>
-#include <sstream>
-
-#include "ComReactor.h"
-#include "ComThreadManger.h"
-#include "test_events.h"
-#include "trace_capture.h"
+#include "test_support.h"
 
 namespace {
 

@@ -1,9 +1,4 @@
-#include <gtest/gtest.h>
-
-#include <thread>
-#include <vector>
-
-#include "ComRefCount.h"
+#include "test_support.h"
 
 namespace {
 

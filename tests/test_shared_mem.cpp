@@ -1,29 +1,11 @@
 // The shared-memory log channel: text between processes, ring placement, the
 // level filter, readers, and that no segment or semaphore outlives a test.
-#include <errno.h>
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <string>
-#include <thread>
-
-#include "channel_fixture.h"
-#include "mtrace_shared_mem.h"
+#include "test_support.h"
 
 namespace {
 
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
-
-int Put(SharedMemImpl& aShm, const std::string& aText,
-        MTRACE_LEVEL_TYPE aLevel = MTRACE_LEVEL_ERROR) {
-    return aShm.Write(reinterpret_cast<const unsigned char*>(aText.data()),
-                      static_cast<unsigned int>(aText.size()), aLevel);
-}
 
 // At most aSize bytes; "<failed>" for -1. No gtest calls: usable in a forked child.
 std::string Get(SharedMemImpl& aShm, unsigned int aSize = 1000) {
@@ -75,10 +57,12 @@ TEST_F(SharedMemTest, WriteWrapsAtTheRingEndAndCutsOverlongText) {
     SharedMemInfoByLog* header = Header(shm);
     const char* bytes = reinterpret_cast<const char*>(shm._shPtr);
 
+    // The wrapped part stops at its end: older text after it stays.
+    EXPECT_EQ(10, Put(shm, "ABCDEFGHIJ"));
     header->UpdateWriteOffset(ring - 5);
     EXPECT_EQ(10, Put(shm, "0123456789"));
     EXPECT_EQ("01234", std::string(bytes + ring - 5, 5));
-    EXPECT_EQ(std::string("56789", 6), std::string(bytes, 6));
+    EXPECT_EQ(std::string("56789\0GHIJ", 10), std::string(bytes, 10));
     EXPECT_EQ(5u, header->GetWriteOffset());
     reader._currPtr = reader._shPtr + ring - 5;
     EXPECT_EQ("0123456789", Get(reader));  // reading wraps as well

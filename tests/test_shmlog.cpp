@@ -1,32 +1,11 @@
 // The log tool run as a child against a channel that this process writes:
 // dump, tail and level, and the refusals that must neither hang, create
 // anything nor leave anything behind.
-#include <errno.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <memory>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include "channel_fixture.h"
-#include "mtrace_shared_mem.h"
-#include "run_program.h"
+#include "test_support.h"
 
 namespace {
-
-int Put(SharedMemImpl& aShm, const std::string& aText,
-        MTRACE_LEVEL_TYPE aLevel = MTRACE_LEVEL_WARNING) {
-    return aShm.Write(reinterpret_cast<const unsigned char*>(aText.data()),
-                      static_cast<unsigned int>(aText.size()), aLevel);
-}
 
 std::string Line(int aNumber) {
     return "warning " + std::to_string(aNumber) + "\n";
@@ -96,8 +75,8 @@ TEST_F(ShmlogTest, DumpPrintsOldestFirstAndLevelSetsTheThreshold) {
     r = Run({"level", "error"});
     EXPECT_EQ(0, r.code) << r.err;
     EXPECT_EQ("level set to error\n", r.out);
-    EXPECT_EQ(0, Put(writer, "dropped\n"));
-    EXPECT_EQ(5, Put(writer, "kept\n", MTRACE_LEVEL_ERROR));
+    EXPECT_EQ(0, Put(writer, "dropped\n", MTRACE_LEVEL_WARNING));
+    EXPECT_EQ(5, Put(writer, "kept\n"));
     EXPECT_EQ(2, Run({"level", "bogus"}).code);
 }
 

@@ -1,16 +1,7 @@
 // The socket wrappers: result conventions, m_error and failure lines.
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <errno.h>
-#include <fcntl.h>
-#include <unistd.h>
 
-#include <string>
-#include <vector>
-
-#include "ComSocket.h"
-#include "test_events.h"
-#include "trace_capture.h"
+#include "test_support.h"
 
 namespace {
 

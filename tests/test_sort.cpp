@@ -1,15 +1,11 @@
 // Sort and KeySort against the standard sorts on every type; aligned allocation.
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <numeric>
 #include <random>
-#include <vector>
 
-#include "aligned_malloc.h"
-#include "sort.h"
+#include "test_support.h"
 
 namespace {
 

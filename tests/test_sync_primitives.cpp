@@ -1,45 +1,14 @@
 // The portable synchronisation primitives: clock, critical section, condition
 // variable, event with timer, read/write lock and atomic counter.
-#include <gtest/gtest.h>
 #include <sys/time.h>
-
 #include <climits>
 #include <cstdio>
-#include <memory>
-#include <thread>
-#include <vector>
 
-#include "atomic32.h"
-#include "condition_variable_wrapper.h"
-#include "critical_section_wrapper.h"
-#include "event_wrapper.h"
-#include "rw_lock_wrapper.h"
-#include "test_events.h"
-#include "thread_wrapper.h"
-#include "tick_util.h"
+#include "test_support.h"
 
 namespace {
 
 using namespace webrtc;
-
-// True once the kernel reports thread aTid asleep: how a test knows that a
-// thread is blocked in a lock without guessing a delay.
-bool Asleep(uint32_t aTid) {
-    char path[64];
-    snprintf(path, sizeof(path), "/proc/self/task/%u/stat", aTid);
-    FILE* file = fopen(path, "r");
-    if (!file) return false;
-    char state = '?';
-    const int fields = fscanf(file, "%*d (%*[^)]) %c", &state);
-    fclose(file);
-    return fields == 1 && state == 'S';
-}
-
-void RunThreads(int aCount, const std::function<void(int)>& aBody) {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < aCount; ++t) threads.emplace_back(aBody, t);
-    for (std::thread& thread : threads) thread.join();
-}
 
 TEST(TickTime, WallClockMicrosecondsAndIntervals) {
     struct timeval before;

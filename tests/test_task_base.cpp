@@ -1,10 +1,6 @@
-#include <gtest/gtest.h>
-
-#include <chrono>
 #include <future>
 
-#include "ComTaskBase.h"
-#include "trace_capture.h"
+#include "test_support.h"
 
 namespace {
 

@@ -1,12 +1,4 @@
-#include <gtest/gtest.h>
-#include <pthread.h>
-
-#include <memory>
-#include <thread>
-
-#include "ComTaskThread.h"
-#include "test_events.h"
-#include "trace_capture.h"
+#include "test_support.h"
 
 namespace {
 

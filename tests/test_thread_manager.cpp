@@ -1,14 +1,6 @@
 // The thread manager, its records for foreign threads, and the timer object
 // that finds its queue through it.
-#include <gtest/gtest.h>
-
-#include <thread>
-
-#include "ComReactor.h"
-#include "ComThreadManger.h"
-#include "ComTimerWrapper.h"
-#include "test_events.h"
-#include "trace_capture.h"
+#include "test_support.h"
 
 namespace {
 

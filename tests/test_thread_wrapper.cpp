@@ -1,29 +1,12 @@
 // The thread wrapper and the module process thread: start and stop rules,
 // names, priorities, affinity, and that a deregistered module is left alone.
-#include <gtest/gtest.h>
-#include <pthread.h>
 #include <sched.h>
-#include <unistd.h>
 
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "event_wrapper.h"
-#include "process_thread.h"
-#include "test_events.h"
-#include "thread_wrapper.h"
-#include "tick_util.h"
-#include "trace_capture.h"
+#include "test_support.h"
 
 namespace {
 
 using namespace webrtc;
-
-// True once the kernel has no thread aTid in this process any more.
-bool Gone(uint32_t aTid) {
-    return access(("/proc/self/task/" + std::to_string(aTid)).c_str(), F_OK) != 0;
-}
 
 // What a thread function sees and does; the test steers it.
 struct Loop {

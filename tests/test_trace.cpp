@@ -1,30 +1,14 @@
-#include <gtest/gtest.h>
 #include <limits.h>
-#include <stdlib.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
 #include <regex>
-#include <sstream>
-#include <thread>
-#include <vector>
 
-#include "trace_capture.h"
+#include "test_support.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
 const char kEndLine[] = "=============================== end of this file ====================\n";
-
-std::string ReadFile(const fs::path& aPath) {
-    std::stringstream ss;
-    ss << std::ifstream(aPath).rdbuf();
-    return ss.str();
-}
 
 void Write(MTRACE_OUTPUT_WHERE_TYPE aWhere, int aLevel, const std::string& aText) {
     CMyTrace_::Write(aWhere, static_cast<MTRACE_LEVEL_TYPE>(aLevel), aText.data(),
@@ -38,13 +22,13 @@ bool IsLine(const std::string& aLine, const std::string& aText) {
 
 TEST(CMyTextFormat, OperandFormatsAndTheCapacity) {
     CMyTextFormat f;
-    f << 'A' << static_cast<char>(10) << '|' << static_cast<char>(-56) << "|txt|" << -42 << '|'
+    f << ' ' << 'A' << '~' << static_cast<char>(10) << '|' << static_cast<char>(-56) << "|txt|" << -42 << '|'
       << static_cast<unsigned short>(65535) << '|' << 4294967295u << '|' << -7L << '|'
       << 18446744073709551615UL << '|' << -9LL << '|' << 9ULL << '|' << 1.5 << '|'
       << static_cast<const void*>(nullptr) << '|' << static_cast<const char*>(nullptr);
     unsigned int length = 0;
     const char* text = f.GetContent(length);
-    EXPECT_EQ("A10|-56|txt|-42|65535|4294967295|-7|18446744073709551615|-9|9|1.500000|(nil)|(nil)",
+    EXPECT_EQ(" A~10|-56|txt|-42|65535|4294967295|-7|18446744073709551615|-9|9|1.500000|(nil)|(nil)",
               std::string(text, length));
 
     CMyTextFormat full;
@@ -135,19 +119,11 @@ TEST(CMyTrace, LineShapeLevelLettersAndCallbackArguments) {
 }
 
 // Tests that write trace files run in a fresh temporary working directory.
-class TraceFiles : public testing::Test {
+class TraceFiles : public TempDirTest {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/sw_trace_XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(pattern));
-        m_previous = fs::current_path();
-        fs::current_path(m_dir = pattern);
-    }
-    void TearDown() override {
-        fs::current_path(m_previous);
-        fs::remove_all(m_dir);
-    }
-    fs::path m_dir, m_previous;
+    void SetUp() override { TempDirTest::SetUp(), fs::current_path(m_dir); }
+    void TearDown() override { fs::current_path(m_previous), TempDirTest::TearDown(); }
+    const fs::path m_previous = fs::current_path();
 };
 
 TEST_F(TraceFiles, FacadeDestinations) {

@@ -1,10 +1,6 @@
 // The destroyed state is final for the process, so each scenario runs in a
 // child process of its own.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include "mtrace.h"
-#include "webrtc_trace.h"
+#include "test_support.h"
 
 namespace {
 

@@ -1,9 +1,6 @@
 // The primitives' trace shim: "[TF]:" lines, their levels, silenced modules,
 // the 1022-character cut, and refused configuration.
-#include <string>
-
-#include "trace_capture.h"
-#include "webrtc_trace.h"
+#include "test_support.h"
 
 namespace {
 

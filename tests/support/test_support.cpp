@@ -1,11 +1,12 @@
-#include "trace_capture.h"
+#include "test_support.h"
 
+#include <spawn.h>
 #include <stdarg.h>
 #include <stdio.h>
 
-#include <condition_variable>
-#include <mutex>
 #include <regex>
+
+extern char** environ;
 
 const char* const kTracePrefixPattern = R"(\[[DIWE]:ENG\+[0-9]+:[0-9]+\] [0-9]+\.[0-9]{6} )";
 
@@ -107,4 +108,53 @@ size_t TraceCapture::CountMatching(int aLevel, const std::string& aPattern) cons
     bool seen = gArrived.wait_for(lock, aTimeout, [&] { return CountLocked(aLevel, aText) > 0; });
     lock.unlock();
     return Report(seen, "not traced in time", aLevel, aText);
+}
+
+bool ChildProgram::Start(const std::vector<std::string>& aArgv) {
+    int fds[2];
+    for (int i = 0; i < 2; ++i) {
+        char path[] = "/tmp/sw_child_output_XXXXXX";
+        if ((fds[i] = mkostemp(path, O_CLOEXEC)) == -1) return false;
+        m_paths[i] = path;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, fds[0], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, fds[1], STDERR_FILENO);
+    std::vector<char*> argv;
+    for (const std::string& arg : aArgv) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    const int rv = posix_spawn(&m_pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(fds[0]);
+    close(fds[1]);
+    if (rv != 0) m_pid = -1;
+    return rv == 0;
+}
+
+bool ChildProgram::WaitForOutput(const std::function<bool(const std::string&)>& aDone,
+                                 std::chrono::milliseconds aBound) {
+    const auto end = std::chrono::steady_clock::now() + aBound;
+    while (!aDone(Out())) {
+        if (!Running() || std::chrono::steady_clock::now() > end) return aDone(Out());
+        usleep(10000);
+    }
+    return true;
+}
+
+bool ChildProgram::Finish(std::chrono::milliseconds aBound) {
+    if (WaitUntil([this] { return !Running(); }, aBound)) return true;
+    Signal(SIGKILL);
+    waitpid(m_pid, nullptr, 0);
+    m_pid = -1;
+    return false;
+}
+
+bool ChildProgram::Running() {
+    if (m_pid <= 0) return false;
+    pid_t rv;
+    while ((rv = waitpid(m_pid, &m_status, WNOHANG)) == -1 && errno == EINTR) continue;
+    if (rv == 0) return true;
+    m_pid = -1;
+    return false;
 }
