@@ -82,23 +82,18 @@ TEST(List, RefusalsLeaveEverythingWithItsOwner) {
         EXPECT_EQ(0, list.Erase(only));
     }
     ASSERT_EQ(1u, trace.Lines().size());
-    EXPECT_EQ(1u,
-              trace.Count(MTRACE_LEVEL_DEBUG, "[TF]: id=-1, Potential memory leak in ListWrapper"));
+    EXPECT_EQ(1u, trace.Count(kDebug, "[TF]: id=-1, Potential memory leak in ListWrapper"));
 }
 
 TEST(List, ThreadsPushAndPopAtOnce) {
     ListWrapper list;
-    std::vector<std::thread> threads;
-    for (unsigned t = 0; t < 4; ++t) {
-        threads.emplace_back([&list, t] {
-            // A thread pops only after pushing more than it popped: never from an empty list.
-            for (unsigned i = 0; i < 5000; ++i) {
-                t % 2 ? list.PushFront(i) : list.PushBack(i);
-                if (i % 2) EXPECT_EQ(0, t % 2 ? list.PopBack() : list.PopFront());
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
+    RunThreads(4, [&list](int t) {
+        // A thread pops only after pushing more than it popped: never from an empty list.
+        for (unsigned i = 0; i < 5000; ++i) {
+            t % 2 ? list.PushFront(i) : list.PushBack(i);
+            if (i % 2) EXPECT_EQ(0, t % 2 ? list.PopBack() : list.PopFront());
+        }
+    });
     EXPECT_EQ(4u * 5000 / 2, Walk(list).size());
     while (list.PopFront() == 0) continue;
 }

@@ -102,11 +102,13 @@ TEST(ComCpuInfo, CachedCountAndFactsTheHostStored) {
     auto arch = static_cast<webrtc::COM_CPU_ARCHITECT>(6);
     ComCpuInfo::_max_frequency = 3000;
     ComCpuInfo::_cpu_category = static_cast<webrtc::COM_CPUHW_CATEGORY>(1);
-    EXPECT_EQ(0, ComCpuInfo::GetCpuFrequences(max, min) + ComCpuInfo::GetCpuCategory(category, arch));
+    EXPECT_EQ(0,
+              ComCpuInfo::GetCpuFrequences(max, min) + ComCpuInfo::GetCpuCategory(category, arch));
     EXPECT_EQ(std::make_tuple(11ul, 22ul, 5, 6), std::make_tuple(max, min, +category, +arch));
     ComCpuInfo::_min_frequency = 800;
     ComCpuInfo::_cpu_arch = static_cast<webrtc::COM_CPU_ARCHITECT>(2);
-    EXPECT_EQ(0, ComCpuInfo::GetCpuFrequences(max, min) + ComCpuInfo::GetCpuCategory(category, arch));
+    EXPECT_EQ(0,
+              ComCpuInfo::GetCpuFrequences(max, min) + ComCpuInfo::GetCpuCategory(category, arch));
     EXPECT_EQ(std::make_tuple(3000ul, 800ul, 1, 2), std::make_tuple(max, min, +category, +arch));
     ComCpuInfo::_ram_capability = 4096;
     EXPECT_EQ(4096ul, ComCpuInfo::GetRawMemory());

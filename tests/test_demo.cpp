@@ -1,8 +1,5 @@
 // The demo engine as a user runs it: a short echo run to a clean summary, the
 // command-line refusals, and the serve mode with its log read by sw_shmlog.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <regex>
 
 #include "test_support.h"
@@ -17,18 +14,18 @@ bool Has(const std::string& aText, const char* aPattern) {
 
 TEST_F(DemoTest, ShortRunEndsInACleanSummary) {
     ChildProgram demo;
-    ASSERT_TRUE(demo.Start({SW_DEMO_PATH, "--connections", "3", "--messages", "150", "--size",
-                            "3000", "--workers", "2", "--shm-key", m_path}));
-    ASSERT_TRUE(demo.Finish());
-    const std::string& out = demo.Out();
-    EXPECT_EQ(demo.ExitCode(), 0) << out << demo.Err();
-    EXPECT_TRUE(Has(out, "\n  connections  3 \\(0 failed\\)\n")) << out;
-    EXPECT_TRUE(Has(out, "\n  messages     450 of 3000 bytes \\(450 expected, 0 mismatched\\)\n"))
-        << out;
-    EXPECT_TRUE(Has(out, "\n  bytes        1350000 each way\n")) << out;
-    EXPECT_TRUE(Has(out, "\n  throughput   [0-9]+ msg/s, [0-9.]+ MiB/s each way\n")) << out;
-    EXPECT_TRUE(Has(out, "\n  round trip   p50 [0-9]+ us, p99 [0-9]+ us, max [0-9]+ us\n")) << out;
-    EXPECT_TRUE(Has(out, "\n  result       OK, every echoed byte matched\n")) << out;
+    ASSERT_TRUE(demo.Run({SW_DEMO_PATH, "--connections", "3", "--messages", "150", "--size", "3000",
+                          "--workers", "2", "--shm-key", m_path}));
+    EXPECT_EQ(demo.ExitCode(), 0) << demo.Out() << demo.Err();
+    EXPECT_TRUE(Has(demo.Out(),
+                    "\n  connections  3 \\(0 failed\\)\n"
+                    "  messages     450 of 3000 bytes \\(450 expected, 0 mismatched\\)\n"
+                    "  bytes        1350000 each way\n"
+                    "  elapsed      [0-9.]+ s\n"
+                    "  throughput   [0-9]+ msg/s, [0-9.]+ MiB/s each way\n"
+                    "  round trip   p50 [0-9]+ us, p99 [0-9]+ us, max [0-9]+ us\n"
+                    "  result       OK, every echoed byte matched\n"))
+        << demo.Out();
     // A clean run has no warning or error to report.
     EXPECT_EQ(demo.Err(), "");
 }
@@ -50,15 +47,13 @@ TEST_F(DemoTest, CommandLineMistakesExitWithTwo) {
         std::vector<std::string> argv = {SW_DEMO_PATH};
         argv.insert(argv.end(), c.args.begin(), c.args.end());
         ChildProgram demo;
-        ASSERT_TRUE(demo.Start(argv));
-        ASSERT_TRUE(demo.Finish());
+        ASSERT_TRUE(demo.Run(argv));
         EXPECT_EQ(demo.ExitCode(), 2) << c.args[0];
         EXPECT_NE(demo.Err().find(c.message), std::string::npos) << demo.Err();
         EXPECT_EQ(demo.Out(), "") << "nothing runs after a refusal";
     }
     ChildProgram help;
-    ASSERT_TRUE(help.Start({SW_DEMO_PATH, "--help"}));
-    ASSERT_TRUE(help.Finish());
+    ASSERT_TRUE(help.Run({SW_DEMO_PATH, "--help"}));
     EXPECT_EQ(help.ExitCode(), 0);
     EXPECT_NE(help.Out().find("usage: sw_demo"), std::string::npos);
 }
@@ -79,42 +74,23 @@ TEST_F(DemoTest, ServeEchoesAndLogsToTheChannelUntilSigterm) {
 
     // Let info lines into the channel, the way an operator would.
     ChildProgram level;
-    ASSERT_TRUE(level.Start({SW_SHMLOG_PATH, "--key", m_path, "level", "info"}));
-    ASSERT_TRUE(level.Finish());
+    ASSERT_TRUE(level.Run({SW_SHMLOG_PATH, "--key", m_path, "level", "info"}));
     ASSERT_EQ(level.ExitCode(), 0) << level.Out() << level.Err();
 
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_NE(fd, -1);
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-    const std::string hello = "hello, echo\n";
-    ASSERT_EQ(send(fd, hello.data(), hello.size(), 0), static_cast<ssize_t>(hello.size()));
-    std::string echoed;
-    while (echoed.size() < hello.size()) {
-        char buffer[64];
-        const ssize_t n = recv(fd, buffer, sizeof(buffer), 0);
-        if (n <= 0) break;
-        echoed.append(buffer, static_cast<size_t>(n));
-    }
-    EXPECT_EQ(echoed, hello);
-    close(fd);
+    ComTcpClient client;
+    ASSERT_EQ(0, client.open_cn("127.0.0.1", static_cast<unsigned short>(port), nullptr, 0));
+    ASSERT_EQ(12, client.send("hello, echo\n", 12));
+    EXPECT_EQ("hello, echo\n", RecvExactly(client, 12));
+    client.close();
 
     // The service's "accepted" line reaches the ring.
     std::string ring;
-    for (int attempt = 0; attempt < 100 && ring.find("EchoService, accepted") == std::string::npos;
-         ++attempt) {
+    EXPECT_TRUE(WaitUntil([&] {
         ChildProgram dump;
-        ASSERT_TRUE(dump.Start({SW_SHMLOG_PATH, "--key", m_path, "dump"}));
-        ASSERT_TRUE(dump.Finish());
-        ASSERT_EQ(dump.ExitCode(), 0) << dump.Err();
-        ring = dump.Out();
-        if (ring.find("EchoService, accepted") == std::string::npos) usleep(100000);
-    }
-    EXPECT_NE(ring.find("[I:ENG+"), std::string::npos) << ring;
-    EXPECT_NE(ring.find("[DEMO]:EchoService, accepted"), std::string::npos) << ring;
+        ring = dump.Run({SW_SHMLOG_PATH, "--key", m_path, "dump"}) ? dump.Out() : dump.Err();
+        return Has(ring, "\\[I:ENG\\+[^\n]*\\[DEMO\\]:EchoService, accepted") ||
+               (usleep(50000), false);
+    })) << ring;
 
     demo.Signal(SIGTERM);
     ASSERT_TRUE(demo.Finish());

@@ -2,8 +2,6 @@
 
 namespace {
 
-const int kError = MTRACE_LEVEL_ERROR;
-
 std::string Assert(int aLine, const std::string& aExpr) {
     return AssertLine("ComTaskThread", aLine, aExpr);
 }

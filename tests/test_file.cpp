@@ -42,8 +42,8 @@ TEST_F(FileTest, FlagsMeanTruncateForUnixAndAppendForStd) {
 
     EXPECT_EQ(-1, unixFile.OpenFile((m_dir + "/missing/x").c_str(), FILE_RW_READ, false, false));
     EXPECT_EQ(ENOENT, errno);  // left as open() set it, after the trace line
-    EXPECT_TRUE(trace_.Traced(MTRACE_LEVEL_ERROR, "[FILE IO can not open file error:]2 FILE name:" +
-                                                      m_dir + "/missing/x" + This(&unixFile)));
+    EXPECT_TRUE(trace_.Traced(kError, "[FILE IO can not open file error:]2 FILE name:" + m_dir +
+                                          "/missing/x" + This(&unixFile)));
 }
 
 TEST_F(FileTest, ReadWriteResultsAndWrongDirection) {
@@ -56,9 +56,8 @@ TEST_F(FileTest, ReadWriteResultsAndWrongDirection) {
     ASSERT_EQ(0, created->OpenFile(m_path.c_str(), FILE_RW_WRITE, true, false));
     EXPECT_EQ(100, created->WriteTo(Bytes(hundred.c_str()), 100));
     EXPECT_EQ(-1, created->ReadFrom(buffer, 10));
-    EXPECT_EQ(1u, trace_.CountMatching(MTRACE_LEVEL_ERROR,
-                                       R"(\[FILE IO READ  error:\]-?[0-9]+, this=)" +
-                                           This(created).substr(7)));
+    EXPECT_EQ(1u, trace_.CountMatching(kError, R"(\[FILE IO READ  error:\]-?[0-9]+, this=)" +
+                                                   This(created).substr(7)));
     EXPECT_EQ(-1, created->WriteTo(Bytes("x"), -1));
     EXPECT_EQ(0, created->CloseFile());
     EXPECT_EQ(-1, created->CloseFile());
@@ -93,8 +92,8 @@ TEST_F(FileTest, SeekingAndSizes) {
     ASSERT_EQ(0, unixFile.OpenFile(m_path.c_str(), FILE_RW_READ, false, false));
     ASSERT_EQ(0, stdFile.OpenFile(m_path.c_str(), FILE_RW_READ, false, false));
 
-    for (CZemFileWrapper* file : {static_cast<CZemFileWrapper*>(&unixFile),
-                                  static_cast<CZemFileWrapper*>(&stdFile)}) {
+    for (CZemFileWrapper* file :
+         {static_cast<CZemFileWrapper*>(&unixFile), static_cast<CZemFileWrapper*>(&stdFile)}) {
         EXPECT_EQ(1000, file->SeekPos(0, SEEK_FROM_END));
         EXPECT_EQ(990, file->SeekPos(-10, SEEK_FROM_CURRENT));
         EXPECT_EQ(-1, file->SeekPos(0, static_cast<SEEK_FROM>(3)));

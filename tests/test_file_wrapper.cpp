@@ -105,16 +105,12 @@ TEST_F(FileWrapperTest, ThreadsShareOneObjectUnderTheLimit) {
     ASSERT_EQ(0, m_file->OpenFile(m_path.c_str(), false));
     ASSERT_EQ(0, m_file->SetMaxFileSize(10000));
     std::atomic<int> accepted{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 500; ++i) {
-                accepted += m_file->Write("abcdefghi\n", 10);
-                accepted += m_file->WriteText("%09d\n", i) == 10;
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
+    RunThreads(4, [&](int) {
+        for (int i = 0; i < 500; ++i) {
+            accepted += m_file->Write("abcdefghi\n", 10);
+            accepted += m_file->WriteText("%09d\n", i) == 10;
+        }
+    });
     EXPECT_EQ(1000, accepted.load());
     EXPECT_EQ(0, m_file->CloseFile());
     EXPECT_EQ(10000u, fs::file_size(m_path));

@@ -34,7 +34,11 @@ TEST(MessageBlock, PartialTransfersAndOffsets) {
     EXPECT_EQ(10UL, block.Write(kTen, 10, true));
     EXPECT_EQ(3UL, block.Write(kTen, 20, true));
     EXPECT_EQ(0UL, block.GetWritableCapacity());
-    EXPECT_EQ("-01" "0123456789" "012", Readable(block));
+    EXPECT_EQ(
+        "-01"
+        "0123456789"
+        "012",
+        Readable(block));
 
     ComMessageBlock ten(kTen, sizeof(kTen));
     unsigned char out[8] = {};
@@ -73,11 +77,7 @@ TEST(MessageBlock, CopiesShareBytesButNotPositions) {
 
     // Release the copies on other threads; the last one frees the block.
     delete original;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([copy] { ComMessageBlock again(copy); });
-    }
-    for (auto& thread : threads) thread.join();
+    RunThreads(4, [&copy](int) { ComMessageBlock again(copy); });
     EXPECT_EQ(2, copy.m_dataBlock->GetReferCount());
     copy.AssignValue(kTen, 2);  // drops its share of the old block
     EXPECT_EQ(1, assigned.m_dataBlock->GetReferCount());

@@ -67,16 +67,12 @@ TEST(RefCount, SharedCounterReachesZeroOnceAcrossThreads) {
     int destroyed = 0;
     auto* obj = new Counted<CReferOperatMulti>(&destroyed);
     obj->AddReferCount();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([obj] {
-            for (int i = 0; i < 10000; ++i) {
-                CRefCountAutoPtr<Counted<CReferOperatMulti>> p(obj), q;
-                q = p;
-            }
-        });
-    }
-    for (std::thread& t : threads) t.join();
+    RunThreads(4, [obj](int) {
+        for (int i = 0; i < 10000; ++i) {
+            CRefCountAutoPtr<Counted<CReferOperatMulti>> p(obj), q;
+            q = p;
+        }
+    });
     EXPECT_EQ(1, obj->GetReferCount());
     EXPECT_EQ(0, obj->ReleaseReferCount());
     EXPECT_EQ(1, destroyed);

@@ -35,21 +35,20 @@ protected:
     Result Run(std::vector<std::string> aArgs, std::string aKey = "") {
         aArgs.insert(aArgs.begin(), {SW_SHMLOG_PATH, "--key", aKey.empty() ? m_path : aKey});
         ChildProgram child;
-        if (!child.Start(aArgs) || !child.Finish()) return {-2, "", "did not run or end"};
+        if (!child.Run(aArgs)) return {-2, "", "did not run or end"};
         return {child.ExitCode(), child.Out(), child.Err()};
     }
     // Writes numbered warnings every ~50 ms until aChild prints a line.
-    // Returns the number written, 0 when it never printed one.
-    static int FeedUntilLine(SharedMemImpl& aWriter, ChildProgram& aChild) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        for (int n = 0; std::chrono::steady_clock::now() < end;) {
-            Put(aWriter, Line(n++));
-            if (aChild.WaitForOutput(
+    static bool FeedUntilLine(SharedMemImpl& aWriter, ChildProgram& aChild) {
+        int n = 0;
+        return WaitUntil(
+            [&] {
+                Put(aWriter, Line(n++));
+                return aChild.WaitForOutput(
                     [](const std::string& aOut) { return aOut.find('\n') != std::string::npos; },
-                    std::chrono::milliseconds(50)))
-                return n;
-        }
-        return 0;
+                    std::chrono::milliseconds(50));
+            },
+            std::chrono::seconds(60));
     }
 };
 
@@ -86,7 +85,7 @@ TEST_F(ShmlogTest, TailPrintsOnlyNewWholeLinesUntilTerminated) {
     Put(writer, "before tail\n");
     ChildProgram tail;
     ASSERT_TRUE(tail.Start({SW_SHMLOG_PATH, "--key", m_path, "tail"}));
-    ASSERT_GT(FeedUntilLine(writer, tail), 0) << tail.Err();
+    ASSERT_TRUE(FeedUntilLine(writer, tail)) << tail.Err();
     tail.Signal(SIGTERM);
     ASSERT_TRUE(tail.Finish());
     EXPECT_EQ(0, tail.ExitCode()) << tail.Err();
@@ -124,7 +123,7 @@ TEST_F(ShmlogTest, RefusesBadUsageAndMissingLockedOrVanishingChannels) {
 
     ChildProgram tail;
     ASSERT_TRUE(tail.Start({SW_SHMLOG_PATH, "--key", m_path, "tail"}));
-    ASSERT_GT(FeedUntilLine(*writer, tail), 0) << tail.Err();
+    ASSERT_TRUE(FeedUntilLine(*writer, tail)) << tail.Err();
     ASSERT_EQ(0, semctl(writer->_semaphore._semId, 0, IPC_RMID));
     writer->_semaphore.Reset();
     ASSERT_TRUE(tail.Finish());

@@ -5,8 +5,6 @@
 
 namespace {
 
-const int kError = MTRACE_LEVEL_ERROR;
-
 // Fails the test if descriptors opened during its scope are still open.
 struct FdLeakCheck {
     const int m_start = CountProcEntries("fd");
@@ -70,8 +68,7 @@ TEST(ComSocket, LoopbackPairCarriesDataAndReportsPeerClose) {
     TraceCapture trace;
     ComTcpServer server;
     ASSERT_EQ(0, server.open("127.0.0.1", 0));
-    EXPECT_TRUE(
-        trace.Traced(MTRACE_LEVEL_INFO, "[SOCK]:open, addr=127.0.0.1, port=0" + This(&server)));
+    EXPECT_TRUE(trace.Traced(kInfo, "[SOCK]:open, addr=127.0.0.1, port=0" + This(&server)));
     sockaddr_in bound{};
     ASSERT_EQ(0, server.get_local_addr(bound));
     EXPECT_EQ(htonl(INADDR_LOOPBACK), bound.sin_addr.s_addr);

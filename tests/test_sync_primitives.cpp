@@ -55,7 +55,8 @@ TEST(CriticalSection, RecursiveAndExclusive) {
 
 TEST(ConditionVariable, TimeoutsWakeAndWakeAll) {
     std::unique_ptr<CriticalSectionWrapper> crit(CriticalSectionWrapper::CreateCriticalSection());
-    std::unique_ptr<ConditionVariableWrapper> cond(ConditionVariableWrapper::CreateConditionVariable());
+    std::unique_ptr<ConditionVariableWrapper> cond(
+        ConditionVariableWrapper::CreateConditionVariable());
     ASSERT_TRUE(crit && cond);
     // A wake with nobody asleep is not remembered.
     cond->Wake();

@@ -23,7 +23,7 @@ TEST(ComSemaphore, CountsPostsAndTracesFailures) {
     TraceCapture capture;
     ComSemaphore sem(0, "ignored", 0);
     EXPECT_EQ(COM_OK, sem.PostN(0));
-    EXPECT_TRUE(capture.Traced(MTRACE_LEVEL_ERROR, AssertLine("ComTaskBase", 129, "aCount >= 1")));
+    EXPECT_TRUE(capture.Traced(kError, AssertLine("ComTaskBase", 129, "aCount >= 1")));
     EXPECT_EQ(COM_OK, sem.PostN(3));
     for (int i = 0; i < 3; ++i) EXPECT_EQ(COM_OK, sem.Lock());
     auto fourth = std::async(std::launch::async, [&] { return sem.Lock(); });
@@ -32,10 +32,9 @@ TEST(ComSemaphore, CountsPostsAndTracesFailures) {
     EXPECT_EQ(COM_OK, fourth.get());
 
     ComSemaphore refused(-1);  // beyond SEM_VALUE_MAX: sem_init fails with EINVAL
-    EXPECT_TRUE(
-        capture.Traced(MTRACE_LEVEL_ERROR, "ComSemaphore::ComSemaphore, sem_init() failed! err=" +
-                                               std::to_string(EINVAL) + This(&refused)));
-    EXPECT_TRUE(capture.Traced(MTRACE_LEVEL_ERROR, AssertLine("ComTaskBase", 78, "FALSE")));
+    EXPECT_TRUE(capture.Traced(kError, "ComSemaphore::ComSemaphore, sem_init() failed! err=" +
+                                           std::to_string(EINVAL) + This(&refused)));
+    EXPECT_TRUE(capture.Traced(kError, AssertLine("ComTaskBase", 78, "FALSE")));
 }
 
 TEST(ComConditionVariable, TimedWaitsAndWakeUps) {

@@ -2,10 +2,6 @@
 
 namespace {
 
-const int kInfo = MTRACE_LEVEL_INFO;
-const int kWarning = MTRACE_LEVEL_WARNING;
-const int kError = MTRACE_LEVEL_ERROR;
-
 std::string Assert(int aLine, const std::string& aExpr) {
     return AssertLine("ComTaskThread", aLine, aExpr);
 }

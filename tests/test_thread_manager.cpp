@@ -29,17 +29,12 @@ struct RecordingSink : ComTimerWrapperSink {
 // Must run first: it makes the very first GetInstance calls of the process.
 TEST(ThreadManager, ConcurrentFirstInstance) {
     ASSERT_EQ(nullptr, ComThreadManger::s_ThreadManger.load());
-    Gate start;
+    std::atomic<int> ready{0};
     std::vector<ComThreadManger*> seen(8, nullptr);
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < seen.size(); ++i) {
-        threads.emplace_back([&, i] {
-            start.Wait();
-            seen[i] = ComThreadManger::GetInstance();
-        });
-    }
-    start.Open();
-    for (auto& thread : threads) thread.join();
+    RunThreads(8, [&](int i) {
+        for (++ready; ready < 8;) continue;  // all eight ask at once
+        seen[i] = ComThreadManger::GetInstance();
+    });
     ASSERT_NE(nullptr, seen[0]);
     for (ComThreadManger* manager : seen) EXPECT_EQ(seen[0], manager);
 }
@@ -51,8 +46,8 @@ TEST(ThreadManager, CreatesFindsAndDestroysThreads) {
     const std::string self = This(manager);
 
     EXPECT_EQ(nullptr, manager->GetCurrentThreadPtr());
-    EXPECT_TRUE(capture.Traced(MTRACE_LEVEL_ERROR, "[COM]:GetCurrentThreadPtr, not found, tid=" +
-                                                       Tid(pthread_self()) + self));
+    EXPECT_TRUE(capture.Traced(
+        kError, "[COM]:GetCurrentThreadPtr, not found, tid=" + Tid(pthread_self()) + self));
 
     ComTaskThread* task = nullptr;
     ComReactorThread* reactor = nullptr;
@@ -75,26 +70,22 @@ TEST(ThreadManager, CreatesFindsAndDestroysThreads) {
     ComUserThread* noUser = nullptr;
     ComUserThreadWidthEventQueue* noQueue = nullptr;
     EXPECT_EQ(COM_ERROR_FAILURE, manager->CreateUserThread(nullptr, nullptr, noUser));
-    EXPECT_TRUE(capture.Traced(MTRACE_LEVEL_ERROR,
-                               "ComThreadManger::CreateUserThread, funptr=null" + self));
+    EXPECT_TRUE(capture.Traced(kError, "ComThreadManger::CreateUserThread, funptr=null" + self));
     EXPECT_EQ(-1, manager->CreateUserThreadWithQueue(nullptr, nullptr, noQueue));
-    EXPECT_TRUE(
-        capture.Traced(MTRACE_LEVEL_ERROR, AssertLine("ComThreadManger", 121, "FunPtr != NULL")));
+    EXPECT_TRUE(capture.Traced(kError, AssertLine("ComThreadManger", 121, "FunPtr != NULL")));
 
     // Unknown threads are neither stopped nor destroyed.
     ComTaskThread stranger;
     EXPECT_EQ(COM_ERROR_FAILURE, manager->DestroyThread(&stranger));
-    EXPECT_TRUE(
-        capture.Traced(MTRACE_LEVEL_ERROR, "ComThreadManger::DestroyThread, not found" + self));
+    EXPECT_TRUE(capture.Traced(kError, "ComThreadManger::DestroyThread, not found" + self));
     EXPECT_EQ(COM_ERROR_FAILURE, manager->DestroyThread(nullptr));
-    EXPECT_TRUE(capture.Traced(MTRACE_LEVEL_ERROR,
-                               "ComThreadManger::DestroyThread, threadptr=null" + self));
+    EXPECT_TRUE(capture.Traced(kError, "ComThreadManger::DestroyThread, threadptr=null" + self));
 
     for (BaseThread* thread : std::vector<BaseThread*>{task, reactor, user, userWithQueue}) {
         EXPECT_EQ(0, manager->DestroyThread(thread));
     }
     EXPECT_TRUE(manager->m_Threads.empty());
-    EXPECT_EQ(5u, capture.Count(MTRACE_LEVEL_INFO, "ComThreadManger::DestroyThread" + self));
+    EXPECT_EQ(5u, capture.Count(kInfo, "ComThreadManger::DestroyThread" + self));
     EXPECT_TRUE(before.Same());
 }
 
@@ -112,17 +103,16 @@ TEST(ThreadManager, DummyRecordsAreCountedPerThread) {
     EXPECT_EQ(1, records[0]->GetReferCount());
     EXPECT_EQ(1u, manager->m_DummyThreads.count(pthread_self()));
     const std::string gone = "[COM]:~ComDummyThread" + This(records[0]);
-    EXPECT_TRUE(capture.NotTraced(MTRACE_LEVEL_INFO, gone));
+    EXPECT_TRUE(capture.NotTraced(kInfo, gone));
     manager->DestroyDummyThread(records[0]);
-    EXPECT_TRUE(capture.Traced(MTRACE_LEVEL_INFO, gone));
+    EXPECT_TRUE(capture.Traced(kInfo, gone));
     EXPECT_TRUE(manager->m_DummyThreads.empty());
 
     // A record the manager does not hold is reported and left alone.
     ComDummyThread* stray = new ComDummyThread;
     stray->AddReferCount();
     manager->DestroyDummyThread(stray);
-    EXPECT_TRUE(
-        capture.Traced(MTRACE_LEVEL_ERROR, "[COM]:DestroyDummyThread, not found" + This(manager)));
+    EXPECT_TRUE(capture.Traced(kError, "[COM]:DestroyDummyThread, not found" + This(manager)));
     EXPECT_EQ(1, stray->GetReferCount());
     stray->ReleaseReferCount();
 }
@@ -143,8 +133,8 @@ TEST(TimerWrapper, BindsToTheSchedulingThread) {
     EXPECT_EQ(COM_OK, timer->Cancel());
     EXPECT_TRUE(capture.Lines().empty());
     EXPECT_EQ(COM_ERROR_FAILURE, timer->Schedule(&sink, ComTimeValueType(0, 1000), 1));
-    EXPECT_TRUE(capture.Traced(MTRACE_LEVEL_ERROR, "[COM]:GetTimerQueue, threadptr=null" + self));
-    EXPECT_TRUE(capture.Traced(MTRACE_LEVEL_ERROR, "[COM]:Schedule, get queue failed" + self));
+    EXPECT_TRUE(capture.Traced(kError, "[COM]:GetTimerQueue, threadptr=null" + self));
+    EXPECT_TRUE(capture.Traced(kError, "[COM]:Schedule, get queue failed" + self));
 
     // Scheduled and cancelled on the task thread, then fired on the reactor.
     RunOn(task, [&] {
@@ -157,7 +147,7 @@ TEST(TimerWrapper, BindsToTheSchedulingThread) {
         EXPECT_EQ(COM_OK, timer->Schedule(&sink, ComTimeValueType(3600, 0), 1));
         EXPECT_EQ(COM_ERROR_FAILURE, timer->Schedule(&sink, ComTimeValueType(0, 10000), 1));
     });
-    EXPECT_TRUE(capture.Traced(MTRACE_LEVEL_ERROR, "[COM]:Schedule, failed" + self));
+    EXPECT_TRUE(capture.Traced(kError, "[COM]:Schedule, failed" + self));
     ASSERT_TRUE(WaitUntil([&] { return sink.fired == 1; }));
     EXPECT_TRUE(pthread_equal(reactor->GetThreadId(), sink.firedOn.load()));
     EXPECT_EQ(timer, sink.lastTimer.load());
@@ -168,7 +158,7 @@ TEST(TimerWrapper, BindsToTheSchedulingThread) {
         EXPECT_EQ(nullptr, timer->_queue);
         EXPECT_EQ(COM_OK, timer->Schedule(&sink, ComTimeValueType(0, 1000), 2));
     });
-    EXPECT_TRUE(capture.Traced(MTRACE_LEVEL_ERROR, "[COM]:Cancel, failed" + self));
+    EXPECT_TRUE(capture.Traced(kError, "[COM]:Cancel, failed" + self));
     ASSERT_TRUE(WaitUntil([&] { return sink.fired == 3; }));
     RunOn(reactor, [&] { delete timer; });
     EXPECT_EQ(0, manager->DestroyThread(task));

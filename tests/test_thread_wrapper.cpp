@@ -38,8 +38,10 @@ struct Loop {
         ++loop->returns;
         return again;
     }
-    std::unique_ptr<ThreadWrapper> Make(ThreadPriority aPriority = kNormalPriority, const char* aName = nullptr) {
-        return std::unique_ptr<ThreadWrapper>(ThreadWrapper::CreateThread(&Loop::Run, this, aPriority, aName));
+    std::unique_ptr<ThreadWrapper> Make(ThreadPriority aPriority = kNormalPriority,
+                                        const char* aName = nullptr) {
+        return std::unique_ptr<ThreadWrapper>(
+            ThreadWrapper::CreateThread(&Loop::Run, this, aPriority, aName));
     }
 };
 
@@ -53,7 +55,7 @@ TEST(ThreadWrapper, CreateStartNameAndLoopEnd) {
     std::unique_ptr<ThreadWrapper> thread = loop.Make(kLowPriority, "audio_capture_thread");
     unsigned int id = 0;
     ASSERT_TRUE(thread->Start(id));
-    EXPECT_TRUE(trace.Traced(MTRACE_LEVEL_INFO, "[TF]: id=-1, Thread with name:audio_capture_thread started"));
+    EXPECT_TRUE(trace.Traced(kInfo, "[TF]: id=-1, Thread with name:audio_capture_thread started"));
     EXPECT_FALSE(thread->Start(id));
     // The function runs until it returns false; the thread then ends.
     loop.callsLeft = 3;
@@ -69,7 +71,7 @@ TEST(ThreadWrapper, CreateStartNameAndLoopEnd) {
     EXPECT_TRUE(thread->Start(id));
     EXPECT_TRUE(thread->Stop());
     EXPECT_TRUE(loop.Make()->Start(id));
-    EXPECT_TRUE(trace.Traced(MTRACE_LEVEL_INFO, "[TF]: id=-1, Thread with name: started"));
+    EXPECT_TRUE(trace.Traced(kInfo, "[TF]: id=-1, Thread with name: started"));
 }
 
 TEST(ThreadWrapper, StopRules) {
@@ -149,11 +151,15 @@ TEST(ThreadWrapper, PriorityAndAffinity) {
         ASSERT_TRUE(WaitUntil([&] { return loop.tid != 0; }));
         // Round-robin, highest one step below realtime; where refused, the
         // default policy and one warning line.
-        const int expected = sched_get_priority_max(SCHED_RR) - (priority == kHighestPriority ? 1 : 0);
-        const size_t warnings = trace.CountMatching(MTRACE_LEVEL_WARNING, "\\[TF\\]:Thread with name:" + name + ",.*");
-        EXPECT_TRUE(realtimeAllowed ? loop.policy == SCHED_RR && warnings == 0 && loop.priority == expected
-                                    : loop.policy == SCHED_OTHER && warnings == 1)
-            << name << ": policy " << loop.policy << ", priority " << loop.priority << ", warnings " << warnings;
+        const int expected =
+            sched_get_priority_max(SCHED_RR) - (priority == kHighestPriority ? 1 : 0);
+        const size_t warnings =
+            trace.CountMatching(kWarning, "\\[TF\\]:Thread with name:" + name + ",.*");
+        EXPECT_TRUE(realtimeAllowed
+                        ? loop.policy == SCHED_RR && warnings == 0 && loop.priority == expected
+                        : loop.policy == SCHED_OTHER && warnings == 1)
+            << name << ": policy " << loop.policy << ", priority " << loop.priority << ", warnings "
+            << warnings;
         EXPECT_FALSE(thread->SetAffinity(nullptr, 1));
         EXPECT_FALSE(thread->SetAffinity(cpu0, 0));
         EXPECT_FALSE(thread->SetAffinity(missing, 2));
@@ -165,7 +171,8 @@ TEST(ThreadWrapper, PriorityAndAffinity) {
 // A module due every aPeriodMs (0: always), optionally slow to process.
 class CountingModule : public Module {
 public:
-    explicit CountingModule(int32_t aPeriodMs = 0, int aSlowMs = 0) : m_period(aPeriodMs), m_slowMs(aSlowMs) {}
+    explicit CountingModule(int32_t aPeriodMs = 0, int aSlowMs = 0)
+        : m_period(aPeriodMs), m_slowMs(aSlowMs) {}
     int32_t TimeUntilNextProcess() override {
         return m_period ? static_cast<int32_t>(m_next - TickTime::MillisecondTimestamp()) : 0;
     }
@@ -209,8 +216,10 @@ TEST(ProcessThread, RegistrationOrderAndRefusals) {
     EXPECT_EQ(0, process->RegisterModule(&first));
     EXPECT_EQ(0, process->RegisterModule(&second));
     EXPECT_EQ(-1, process->RegisterModule(&first));
-    EXPECT_TRUE(trace.Traced(MTRACE_LEVEL_INFO, "[TF]: id=-1, number of registered modules has increased to 1"));
-    EXPECT_TRUE(trace.Traced(MTRACE_LEVEL_INFO, "[TF]: id=-1, number of registered modules has increased to 2"));
+    EXPECT_TRUE(
+        trace.Traced(kInfo, "[TF]: id=-1, number of registered modules has increased to 1"));
+    EXPECT_TRUE(
+        trace.Traced(kInfo, "[TF]: id=-1, number of registered modules has increased to 2"));
     EXPECT_EQ(0, process->Start());
     ASSERT_TRUE(WaitUntil([&] { return second.m_processed == 1; }));
     EXPECT_EQ((std::vector<CountingModule*>{&first, &second}), order);

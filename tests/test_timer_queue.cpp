@@ -2,7 +2,6 @@
 
 namespace {
 
-const int kError = MTRACE_LEVEL_ERROR;
 const char kAssertPrefix[] = "system_wrappers/source/ComTaskThread: [0-9]+, assert failed, ";
 
 ComTimeValueType Ms(long aMs) {

@@ -22,14 +22,15 @@ bool IsLine(const std::string& aLine, const std::string& aText) {
 
 TEST(CMyTextFormat, OperandFormatsAndTheCapacity) {
     CMyTextFormat f;
-    f << ' ' << 'A' << '~' << static_cast<char>(10) << '|' << static_cast<char>(-56) << "|txt|" << -42 << '|'
-      << static_cast<unsigned short>(65535) << '|' << 4294967295u << '|' << -7L << '|'
+    f << ' ' << 'A' << '~' << static_cast<char>(10) << '|' << static_cast<char>(-56) << "|txt|"
+      << -42 << '|' << static_cast<unsigned short>(65535) << '|' << 4294967295u << '|' << -7L << '|'
       << 18446744073709551615UL << '|' << -9LL << '|' << 9ULL << '|' << 1.5 << '|'
       << static_cast<const void*>(nullptr) << '|' << static_cast<const char*>(nullptr);
     unsigned int length = 0;
     const char* text = f.GetContent(length);
-    EXPECT_EQ(" A~10|-56|txt|-42|65535|4294967295|-7|18446744073709551615|-9|9|1.500000|(nil)|(nil)",
-              std::string(text, length));
+    EXPECT_EQ(
+        " A~10|-56|txt|-42|65535|4294967295|-7|18446744073709551615|-9|9|1.500000|(nil)|(nil)",
+        std::string(text, length));
 
     CMyTextFormat full;
     const std::string head(1000, 'a');
@@ -187,18 +188,14 @@ TEST_F(TraceFiles, RotationFlushIntervalAndFailedOpens) {
 TEST_F(TraceFiles, ConcurrentWritersKeepLinesWhole) {
     TraceCapture capture;
     CMyTraceImpl_ impl(MTRACE_LEVEL_INFO, "mt", 512, 1, 2, 20000);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&impl, t] {
-            for (int i = 0; i < 300; ++i) {
-                std::string text = "writer " + std::to_string(t) + " line " + std::to_string(i);
-                impl.Write(MTRACE_OUTPUT_FILE, MTRACE_LEVEL_INFO, text.data(),
-                           static_cast<unsigned int>(text.size()));
-                Write(MTRACE_OUTPUT_CALLBACK, 1, text);
-            }
-        });
-    }
-    for (std::thread& t : threads) t.join();
+    RunThreads(4, [&impl](int t) {
+        for (int i = 0; i < 300; ++i) {
+            std::string text = "writer " + std::to_string(t) + " line " + std::to_string(i);
+            impl.Write(MTRACE_OUTPUT_FILE, MTRACE_LEVEL_INFO, text.data(),
+                       static_cast<unsigned int>(text.size()));
+            Write(MTRACE_OUTPUT_CALLBACK, 1, text);
+        }
+    });
     impl.CloseFile();
     EXPECT_EQ(1200u, capture.Lines().size());
     for (const char* name : {"mt_linux_0.log", "mt_linux_1.log"}) {

@@ -38,30 +38,23 @@ void ExitIfSilentForGood() {
     exit(silent ? 0 : 1);
 }
 
-TEST(TraceDestroyed, LiveFacilityGoesQuietForGood) {
+// Destroyed while in use, or before anything was traced.
+TEST(TraceDestroyed, GoesQuietForGood) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process per scenario
-    EXPECT_EXIT(
-        {
-            EnterTempDir();
-            CMyTrace_::SetLogCallback(&Count);
-            Write(MTRACE_OUTPUT_CALLBACK);
-            Write(MTRACE_OUTPUT_FILE);
-            if (gCalls != 1 || unlink("zemtrace_linux_0.log") != 0) exit(2);
-            CMyTrace_::DestroyTrace();
-            ExitIfSilentForGood();
-        },
-        testing::ExitedWithCode(0), "^$");
-}
-
-TEST(TraceDestroyed, DestroyBeforeFirstUse) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            EnterTempDir();
-            CMyTrace_::DestroyTrace();
-            ExitIfSilentForGood();
-        },
-        testing::ExitedWithCode(0), "^$");
+    for (bool used : {true, false}) {
+        EXPECT_EXIT(
+            {
+                EnterTempDir();
+                CMyTrace_::SetLogCallback(&Count);
+                if (used) Write(MTRACE_OUTPUT_CALLBACK);
+                if (used) Write(MTRACE_OUTPUT_FILE);
+                if (used && (gCalls != 1 || unlink("zemtrace_linux_0.log") != 0)) exit(2);
+                CMyTrace_::DestroyTrace();
+                ExitIfSilentForGood();
+            },
+            testing::ExitedWithCode(0), "^$")
+            << used;
+    }
 }
 
 }  // namespace

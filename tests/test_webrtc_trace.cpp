@@ -27,13 +27,13 @@ TEST(TraceShim, LevelTableAndIds) {
     for (int info : {1, 8, 16, 32, 4096}) Trace::Add(Level(info), Module(2), 7, "level %d", info);
     for (int debug : {0, 3, 64, 2048}) Trace::Add(Level(debug), Module(2), -3, "level %d", debug);
 
-    EXPECT_TRUE(trace.Traced(MTRACE_LEVEL_ERROR, "[TF]:x=5"));
-    EXPECT_TRUE(trace.Traced(MTRACE_LEVEL_WARNING, "[TF]:careful"));
+    EXPECT_TRUE(trace.Traced(kError, "[TF]:x=5"));
+    EXPECT_TRUE(trace.Traced(kWarning, "[TF]:careful"));
     for (int info : {1, 8, 16, 32, 4096}) {
-        EXPECT_TRUE(trace.Traced(MTRACE_LEVEL_INFO, "[TF]: id=7, level " + std::to_string(info)));
+        EXPECT_TRUE(trace.Traced(kInfo, "[TF]: id=7, level " + std::to_string(info)));
     }
     for (int debug : {0, 3, 64, 2048}) {
-        EXPECT_TRUE(trace.Traced(MTRACE_LEVEL_DEBUG, "[TF]: id=-3, level " + std::to_string(debug)));
+        EXPECT_TRUE(trace.Traced(kDebug, "[TF]: id=-3, level " + std::to_string(debug)));
     }
     EXPECT_EQ(11u, trace.Lines().size());
     for (const CapturedLine& line : trace.Lines()) EXPECT_EQ(7, line.tag);
@@ -75,7 +75,6 @@ TEST(TraceShim, ConfigurationIsRefused) {
     // The existing facility, with its own parameters, is kept.
     EXPECT_EQ(gWideTrace, Trace::CreateTrace());
     EXPECT_EQ(2048u, gWideTrace->m_maxLineLength);
-
 }
 
 }  // namespace

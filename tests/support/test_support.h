@@ -32,8 +32,6 @@
 
 #include "system_wrappers.h"
 
-// ---- Trace capture -------------------------------------------------------
-
 struct CapturedLine {
     int tag;             // first callback argument (always 7)
     int level;           // MTRACE_LEVEL_TYPE value
@@ -41,6 +39,10 @@ struct CapturedLine {
     std::string line;    // the finished line: prefix, text, newline
     std::string text;    // the line without its prefix and newline
 };
+
+// Trace levels as the capture reports them.
+constexpr int kDebug = MTRACE_LEVEL_DEBUG, kInfo = MTRACE_LEVEL_INFO,
+              kWarning = MTRACE_LEVEL_WARNING, kError = MTRACE_LEVEL_ERROR;
 
 // The prefix every line starts with: "[L:ENG+pid:tid] sec.usec ".
 extern const char* const kTracePrefixPattern;
@@ -73,8 +75,6 @@ public:
         int aLevel, const std::string& aText,
         std::chrono::milliseconds aTimeout = std::chrono::seconds(30)) const;
 };
-
-// ---- Waiting and threads -------------------------------------------------
 
 // Waits for a condition set by another thread; the bound only stops a broken
 // test from hanging.
@@ -153,8 +153,6 @@ struct ProcessResources {
                WaitUntil([this] { return threads == CountProcEntries("task"); });
     }
 };
-
-// ---- Events and timer handlers -------------------------------------------
 
 // What happened to a numbered set of events: how often each fired and was
 // destroyed, and the order of everything recorded.
@@ -262,8 +260,6 @@ inline std::string RecvExactly(ComSocketBase& aSock, size_t aLength) {
     return data.substr(0, got);
 }
 
-// ---- Files, shared-memory keys and child programs ------------------------
-
 inline std::string ReadFile(const std::filesystem::path& aPath) {
     std::stringstream text;
     text << std::ifstream(aPath).rdbuf();
@@ -328,6 +324,7 @@ public:
         for (const std::string& path : m_paths) unlink(path.c_str());
     }
     bool Start(const std::vector<std::string>& aArgv);
+    bool Run(const std::vector<std::string>& aArgv) { return Start(aArgv) && Finish(); }
     // Waits until aDone(what the child has printed on stdout) holds.
     bool WaitForOutput(const std::function<bool(const std::string&)>& aDone,
                        std::chrono::milliseconds aBound = std::chrono::seconds(60));
