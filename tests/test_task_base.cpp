@@ -67,7 +67,7 @@ TEST(ComConditionVariable, TimedWaitsAndWakeUps) {
     EXPECT_EQ(COM_OK, b.get());
 }
 
-TEST(ComEvent, SignalPassesOneWaitOrAllUntilPulse) {
+TEST(ComEvent, SignalPassesOneWaitOrAllPulseOnlyTheWaiting) {
     ComTimeValueType none(0, 0), limit(30, 0);
     ComEvent event(0, 0, "ignored");
     EXPECT_EQ(COM_OK, event.Signal());  // nobody waiting: kept for the next Wait
@@ -81,7 +81,16 @@ TEST(ComEvent, SignalPassesOneWaitOrAllUntilPulse) {
     auto waiter = std::async(std::launch::async, [&] { return event.Wait(&limit); });
     EXPECT_EQ(COM_OK, WakeUntilDone(waiter, [&] { event.Signal(); }));
 
+    // A pulse releases only threads already waiting, whatever the reset mode.
     ComEvent manual(1, 0, nullptr);
+    for (ComEvent* pulsed : {&event, &manual}) {
+        EXPECT_EQ(COM_OK, pulsed->Pulse());
+        EXPECT_EQ(COM_ERROR_TIMEOUT, pulsed->Wait(&none));
+        waiter = std::async(std::launch::async, [&] { return pulsed->Wait(&limit); });
+        EXPECT_EQ(COM_OK, WakeUntilDone(waiter, [&] { pulsed->Pulse(); }));
+        EXPECT_EQ(COM_ERROR_TIMEOUT, pulsed->Wait(&none));
+    }
+
     auto first = std::async(std::launch::async, [&] { return manual.Wait(); });
     auto second = std::async(std::launch::async, [&] { return manual.Wait(); });
     EXPECT_TRUE(StillBlocked(first));
@@ -93,18 +102,6 @@ TEST(ComEvent, SignalPassesOneWaitOrAllUntilPulse) {
     EXPECT_EQ(COM_OK, manual.Wait(&none));
     EXPECT_EQ(COM_OK, manual.Pulse());
     EXPECT_EQ(COM_ERROR_TIMEOUT, manual.Wait(&none));
-}
-
-TEST(ComEvent, PulseReleasesOnlyThreadsAlreadyWaiting) {
-    for (int manual : {0, 1}) {
-        ComEvent event(manual, 0, nullptr);
-        ComTimeValueType shortWait(0, 50000), limit(30, 0);
-        EXPECT_EQ(COM_OK, event.Pulse());
-        EXPECT_EQ(COM_ERROR_TIMEOUT, event.Wait(&shortWait)) << manual;
-        auto waiter = std::async(std::launch::async, [&] { return event.Wait(&limit); });
-        EXPECT_EQ(COM_OK, WakeUntilDone(waiter, [&] { event.Pulse(); }));
-        EXPECT_EQ(COM_ERROR_TIMEOUT, event.Wait(&shortWait)) << manual;
-    }
 }
 
 }  // namespace
