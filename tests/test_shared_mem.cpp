@@ -4,40 +4,27 @@
 
 namespace {
 
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
-
 // At most aSize bytes; "<failed>" for -1. No gtest calls: usable in a forked child.
 std::string Get(SharedMemImpl& aShm, unsigned int aSize = 1000) {
     std::string buffer(aSize + 1, 'x');
     const int count = aShm.Read(reinterpret_cast<unsigned char*>(&buffer[0]), aSize);
-    if (count < 0) return "<failed>";
-    return buffer[count] == 0 ? buffer.substr(0, count) : "<unterminated>";
+    return count < 0 ? "<failed>" : buffer[count] == 0 ? buffer.substr(0, count) : "<unterminated>";
 }
 
-class SharedMemTest : public ChannelKeyTest {
-protected:
-    static SharedMemInfoByLog* Header(const SharedMemImpl& aShm) {
-        return static_cast<SharedMemInfoByLog*>(aShm._shbAddr);
-    }
-};
+using SharedMemTest = ChannelKeyTest;
 
 TEST_F(SharedMemTest, WriterAndReaderProcessesExchangeText) {
     SharedMemImpl writer(true);
-    ASSERT_TRUE(writer.IsGood());
     fflush(stdout);
     const pid_t pid = fork();
     ASSERT_NE(-1, pid);
     if (pid == 0) {
         alarm(60);  // a stuck channel must not hang the test
-        int code = 1;
-        {
-            SharedMemImpl reader(false);
-            std::string text;
-            for (int i = 0; i < 30000 && reader.IsGood() && text.size() < 13; ++i, usleep(1000))
-                text += Get(reader);
-            if (text == "first\nsecond\n" && Put(reader, "ack") == 3) code = 0;
-        }
+        SharedMemImpl reader(false);
+        std::string text;
+        for (int i = 0; i < 30000 && reader.IsGood() && text.size() < 13; ++i, usleep(1000))
+            text += Get(reader);
+        const int code = text == "first\nsecond\n" && Put(reader, "ack") == 3 ? 0 : 1;
         fflush(stdout);
         _exit(code);
     }
@@ -50,14 +37,24 @@ TEST_F(SharedMemTest, WriterAndReaderProcessesExchangeText) {
     EXPECT_EQ("ack", Get(writer));  // the writer reads on from its newest text
 }
 
-TEST_F(SharedMemTest, WriteWrapsAtTheRingEndAndCutsOverlongText) {
-    SharedMemImpl shm(true), reader(false);
+TEST_F(SharedMemTest, LateReaderWrapsAtTheRingEndAndOverlongText) {
+    SharedMemImpl shm(true);
     const unsigned int ring = shm._shLen;
     EXPECT_EQ(static_cast<unsigned int>(getpagesize()) * 64 - 20, ring);
-    SharedMemInfoByLog* header = Header(shm);
+    SharedMemInfoByLog* header = static_cast<SharedMemInfoByLog*>(shm._shbAddr);
     const char* bytes = reinterpret_cast<const char*>(shm._shPtr);
 
+    // A late reader starts at the ring's start and reads in parts.
+    EXPECT_EQ(3, Put(shm, "abc"));
+    SharedMemImpl reader(false);
+    EXPECT_EQ("abc", Get(reader));
+    EXPECT_EQ("", Get(reader));
+    EXPECT_EQ(10, Put(shm, "0123456789"));
+    EXPECT_EQ("0123", Get(reader, 4));
+    EXPECT_EQ("456789", Get(reader));
+
     // The wrapped part stops at its end: older text after it stays.
+    header->UpdateWriteOffset(0);
     EXPECT_EQ(10, Put(shm, "ABCDEFGHIJ"));
     header->UpdateWriteOffset(ring - 5);
     EXPECT_EQ(10, Put(shm, "0123456789"));
@@ -73,74 +70,61 @@ TEST_F(SharedMemTest, WriteWrapsAtTheRingEndAndCutsOverlongText) {
     EXPECT_EQ(0, bytes[0]);
 
     const std::string big(ring, 'z');
-    CaptureStdout();
+    testing::internal::CaptureStdout();
     EXPECT_EQ(static_cast<int>(ring - 1), Put(shm, big));
     EXPECT_EQ("write to much data to shared memory once, conlen=" + std::to_string(ring) + "\n",
-              GetCapturedStdout());
+              testing::internal::GetCapturedStdout());
     reader._currPtr = reader._shPtr;
     EXPECT_EQ(big.substr(1), Get(reader, ring));
 }
 
-TEST_F(SharedMemTest, HeaderLevelFiltersWrites) {
+TEST_F(SharedMemTest, LevelFilterAndTheLockOfAnUninitialisedObject) {
     SharedMemImpl shm(true);
-    EXPECT_EQ(7u, Header(shm)->m_level);
+    SharedMemInfoByLog* header = static_cast<SharedMemInfoByLog*>(shm._shbAddr);
+    const int semId = shm._semaphore._semId;
+    EXPECT_EQ(7u, header->m_level);
     EXPECT_EQ(6u, SharedMemImpl::MatchPublicLevel(static_cast<MTRACE_LEVEL_TYPE>(9)));
     EXPECT_EQ(0, shm.UpdateFlag(0, MTRACE_LEVEL_ERROR));
-    EXPECT_EQ(0, Put(shm, "warn", MTRACE_LEVEL_WARNING));
-    EXPECT_EQ(0, Put(shm, "info", MTRACE_LEVEL_INFO));
+    for (MTRACE_LEVEL_TYPE level : {MTRACE_LEVEL_WARNING, MTRACE_LEVEL_INFO})
+        EXPECT_EQ(0, Put(shm, "dropped", level));
     EXPECT_EQ(0, shm._shPtr[0]);
     EXPECT_EQ(5, Put(shm, "error", MTRACE_LEVEL_ERROR));
 
-    CaptureStdout();
+    testing::internal::CaptureStdout();
     EXPECT_EQ(-1, shm.UpdateFlag(0, 5));
-    EXPECT_EQ("update flag, no flag update\n", GetCapturedStdout());
-    EXPECT_EQ(3u, Header(shm)->m_level);
-    EXPECT_EQ(1, semctl(shm._semaphore._semId, 0, GETVAL));  // released
-}
+    EXPECT_EQ(3u, header->m_level);
+    EXPECT_EQ(1, semctl(semId, 0, GETVAL));  // released
 
-TEST_F(SharedMemTest, LateReaderStartsAtRingStartAndReadsInParts) {
-    SharedMemImpl writer(true);
-    EXPECT_EQ(3, Put(writer, "abc"));
-    SharedMemImpl reader(false);
-    EXPECT_EQ("abc", Get(reader));
-    EXPECT_EQ("", Get(reader));
-    EXPECT_EQ(10, Put(writer, "0123456789"));
-    EXPECT_EQ("0123", Get(reader, 4));
-    EXPECT_EQ("456789", Get(reader));
+    // Uninitialised, every call fails; UpdateFlag then keeps the lock.
+    EXPECT_EQ(0, shm.DeInitLogInfo());
+    EXPECT_EQ(-1, Put(shm, "x"));
+    EXPECT_EQ("<failed>", Get(shm));
+    EXPECT_EQ(1, semctl(semId, 0, GETVAL));
+    EXPECT_EQ(-1, shm.UpdateFlag(0, MTRACE_LEVEL_ERROR));
+    EXPECT_EQ(0, semctl(semId, 0, GETVAL));  // still taken
+    EXPECT_EQ(
+        "update flag, no flag update\nwrite shared memory, currptr=null\n"
+        "read shared memory, currptr=nullupdate flag, not inited\n",
+        testing::internal::GetCapturedStdout());
+    // Only removing the channel frees it; the destructor then finds it gone.
+    EXPECT_EQ(0, semctl(semId, 0, IPC_RMID));
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(-1, Put(shm, "x"));  // the lock is gone, so nothing goes further
+    EXPECT_EQ("write, semphore P operation failed\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ(0, shmctl(shm._shmId, IPC_RMID, nullptr));
 }
 
 TEST_F(SharedMemTest, ThreadsSharingOneObjectAreSerialised) {
     SharedMemImpl shm(true), reader(false);
-    auto lines = [&shm](const char* aLine) {
-        for (int i = 0; i < 200; ++i) Put(shm, aLine);
-    };
-    std::thread first(lines, "aaaaaaa\n"), second(lines, "bbbbbbb\n");
-    first.join();
-    second.join();
+    RunThreads(2, [&shm](int aThread) {
+        for (int i = 0; i < 200; ++i) Put(shm, aThread ? "bbbbbbb\n" : "aaaaaaa\n");
+    });
     const std::string text = Get(reader, 5000);
     int whole = 0;  // lines that no other write cut into
     for (size_t i = 0; i < text.size(); i += 8)
         whole += text.compare(i, 8, "aaaaaaa\n") == 0 || text.compare(i, 8, "bbbbbbb\n") == 0;
     EXPECT_EQ(3200u, text.size());
     EXPECT_EQ(400, whole);
-}
-
-TEST_F(SharedMemTest, UninitialisedObjectFailsAndUpdateFlagKeepsTheLock) {
-    SharedMemImpl shm(true);
-    EXPECT_EQ(0, shm.DeInitLogInfo());
-    CaptureStdout();
-    EXPECT_EQ(-1, Put(shm, "x"));
-    EXPECT_EQ("<failed>", Get(shm));
-    EXPECT_EQ(1, semctl(shm._semaphore._semId, 0, GETVAL));
-    EXPECT_EQ(-1, shm.UpdateFlag(0, MTRACE_LEVEL_ERROR));
-    EXPECT_EQ(0, semctl(shm._semaphore._semId, 0, GETVAL));  // still taken
-    EXPECT_EQ(
-        "write shared memory, currptr=null\nread shared memory, currptr=null"
-        "update flag, not inited\n",
-        GetCapturedStdout());
-    // Only removing the channel frees it; the destructor then finds it gone.
-    EXPECT_EQ(0, semctl(shm._semaphore._semId, 0, IPC_RMID));
-    EXPECT_EQ(0, shmctl(shm._shmId, IPC_RMID, nullptr));
 }
 
 }  // namespace

@@ -2,10 +2,6 @@
 
 namespace {
 
-std::string Assert(int aLine, const std::string& aExpr) {
-    return AssertLine("ComTaskThread", aLine, aExpr);
-}
-
 // A thread whose body joins itself, then waits to be stopped.
 class ProbeThread : public BaseThread {
 public:
@@ -22,10 +18,7 @@ public:
         done->Open();
         return 0;
     }
-    int Stop(ComTimeValueType*) override {
-        m_release.Open();
-        return 0;
-    }
+    int Stop(ComTimeValueType*) override { return m_release.Open(), 0; }
 
     std::atomic<bool> m_initDone{false};
     std::atomic<int> m_selfJoin{0};
@@ -33,15 +26,31 @@ public:
     std::shared_ptr<Gate> m_done = std::make_shared<Gate>();
 };
 
-TEST(BaseThread, StartHandshakeAndJoinRules) {
+TEST(BaseThread, StartHandshakeJoinRulesAndRetryAfterFailedStart) {
     TraceCapture trace;
     ProbeThread* thread = new ProbeThread;
-    EXPECT_EQ(COM_ERROR_FAILURE, thread->Create(0));
-    EXPECT_EQ(COM_ERROR_FAILURE, thread->Create(3));
-    EXPECT_EQ(2u, trace.Count(kError, Assert(629, "aFlag == TF_JOINABLE || aFlag == TF_DETACHED")));
+    for (unsigned long flag : {0ul, 3ul}) EXPECT_EQ(COM_ERROR_FAILURE, thread->Create(flag));
+    EXPECT_EQ(2u, trace.Count(kError, AssertLine("ComTaskThread", 629,
+                                                 "aFlag == TF_JOINABLE || aFlag == TF_DETACHED")));
     EXPECT_EQ(COM_ERROR_FAILURE, thread->Join());  // never started, and no flag was kept
 
-    ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
+    // A failed start (no room for such a stack) leaves its start event behind.
+    pthread_attr_t huge, saved;
+    ASSERT_EQ(0, pthread_getattr_default_np(&saved));
+    pthread_attr_init(&huge);
+    pthread_attr_setstacksize(&huge, static_cast<size_t>(1) << 50);
+    ASSERT_EQ(0, pthread_setattr_default_np(&huge));
+    const int first = thread->Create(BaseThread::TF_JOINABLE);
+    pthread_setattr_default_np(&saved);
+    pthread_attr_destroy(&huge);
+    pthread_attr_destroy(&saved);
+    if (first != COM_OK) {
+        EXPECT_EQ(COM_ERROR_FAILURE, first);
+        const std::string failed = "BaseThread::Create, pthread_create\\(\\) failed! err=[0-9]+";
+        EXPECT_EQ(1u, trace.CountMatching(kError, failed + This(thread)));
+        ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
+        EXPECT_TRUE(trace.Traced(kError, AssertLine("ComTaskThread", 635, "!m_pEvent4Start")));
+    }
     EXPECT_TRUE(thread->m_initDone);  // no waiting: Create returned after OnThreadInit
     EXPECT_TRUE(trace.Traced(kInfo, "BaseThread::Create, aType=0, aFlag=1" + This(thread)));
     thread->Stop(nullptr);
@@ -53,43 +62,16 @@ TEST(BaseThread, StartHandshakeAndJoinRules) {
     EXPECT_TRUE(trace.Traced(kInfo, "BaseThread::Destory" + This(thread)));
 
     ProbeThread* detached = new ProbeThread;
-    std::shared_ptr<Gate> done = detached->m_done;
     ASSERT_EQ(COM_OK, detached->Create(BaseThread::TF_DETACHED));
     EXPECT_EQ(COM_OK, detached->Join());
     EXPECT_TRUE(trace.Traced(kWarning, "BaseThread::Join, join detached thread" + This(detached)));
     detached->Stop(nullptr);
-    ASSERT_TRUE(done->Wait());
+    ASSERT_TRUE(detached->m_done->Wait());
     detached->Destory();
+    if (first == COM_OK) GTEST_SKIP() << "this runtime ignores the default stack size: no retry";
 }
 
-TEST(BaseThread, FailedCreateCanBeRetried) {
-    TraceCapture trace;
-    pthread_attr_t huge, saved;
-    ASSERT_EQ(0, pthread_getattr_default_np(&saved));
-    pthread_attr_init(&huge);
-    pthread_attr_setstacksize(&huge, static_cast<size_t>(1) << 50);  // no room for such a stack
-    ASSERT_EQ(0, pthread_setattr_default_np(&huge));
-    ProbeThread* thread = new ProbeThread;
-    const int first = thread->Create(BaseThread::TF_JOINABLE);
-    pthread_setattr_default_np(&saved);
-    pthread_attr_destroy(&huge);
-    pthread_attr_destroy(&saved);
-    if (first != COM_OK) {
-        EXPECT_EQ(COM_ERROR_FAILURE, first);
-        const std::string failed = "BaseThread::Create, pthread_create\\(\\) failed! err=[0-9]+";
-        EXPECT_EQ(1u, trace.CountMatching(kError, failed + This(thread)));
-        // The start event of the failed attempt is still there.
-        ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
-        EXPECT_TRUE(trace.Traced(kError, Assert(635, "!m_pEvent4Start")));
-    }
-    thread->Stop(nullptr);
-    EXPECT_EQ(COM_OK, thread->Join());
-    thread->Destory();
-    if (first == COM_OK) GTEST_SKIP() << "this runtime ignores the default stack size";
-}
-
-// Posts an event that holds the thread's loop until the gate opens, and
-// returns once the loop is inside it.
+// Returns once the thread's loop is inside an event that waits for aGate.
 void HoldLoop(ComTaskThread* aThread, EventLedger& aLedger, Gate& aGate) {
     Gate started;
     ASSERT_EQ(COM_OK, aThread->PostEvent(new LedgerEvent(aLedger, 0, "", 0, [&] {
@@ -99,9 +81,12 @@ void HoldLoop(ComTaskThread* aThread, EventLedger& aLedger, Gate& aGate) {
     ASSERT_TRUE(started.Wait());
 }
 
-TEST(ComTaskThread, BatchesOfFiveWithTimersChecked) {
+TEST(ComTaskThread, BatchesOfFiveTimersAndStop) {
     TraceCapture trace;
     ComTaskThread* thread = new ComTaskThread;
+    RecordingHandler none;
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->CancelTimer(&none));  // no timer queue before the start
+    EXPECT_TRUE(trace.Traced(kError, "ComTaskThread::CancelTimer, timequeue=null" + This(thread)));
     ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
     EXPECT_TRUE(trace.WaitTraced(kInfo, "ComTaskThread::OnThreadRun, Begin." + This(thread)));
 
@@ -109,11 +94,9 @@ TEST(ComTaskThread, BatchesOfFiveWithTimersChecked) {
     RecordingHandler timer(&ledger);
     Gate gate;
     HoldLoop(thread, ledger, gate);
-    std::atomic<int> sendResult{0};
-    // The first event sends to its own thread (which runs at once, ahead of
-    // the queue) and schedules a zero-interval timer (due at the next check).
+    // e1 sends to itself (run at once, ahead of the queue) and adds a timer due next check.
     ASSERT_EQ(COM_OK, thread->PostEvent(new LedgerEvent(ledger, 1, "e1", 0, [&] {
-        sendResult = thread->SendEvent(new LedgerEvent(ledger, 7, "send", 42));
+        EXPECT_EQ(42, thread->SendEvent(new LedgerEvent(ledger, 7, "send", 42)));
         thread->ScheduleTimer(&timer, nullptr, ComTimeValueType(0, 0), 1);
     })));
     for (size_t i = 2; i <= 6; ++i)
@@ -122,54 +105,42 @@ TEST(ComTaskThread, BatchesOfFiveWithTimersChecked) {
     ASSERT_TRUE(WaitUntil([&] { return ledger.m_totalDestroyed.load() == 8; }));
     EXPECT_EQ((std::vector<std::string>{"e1", "send", "e2", "e3", "e4", "e5", "T", "e6"}),
               ledger.Order());
-    EXPECT_EQ(42, sendResult.load());
 
-    // A periodic timer scheduled from here fires on the thread, once the
-    // thread wakes for an event.
+    // A periodic timer scheduled from here fires on the thread once it wakes for an event.
     ASSERT_EQ(COM_OK, thread->ScheduleTimer(&timer, nullptr, ComTimeValueType(0, 2000), 3));
     thread->PostEvent(new LedgerEvent(ledger, 0));
     ASSERT_TRUE(WaitUntil([&] { return timer.m_fired.load() == 4; }));
     EXPECT_TRUE(pthread_equal(thread->GetThreadId(), timer.m_firedOn));
 
-    thread->Stop(nullptr);
-    thread->Join();
-    EXPECT_TRUE(trace.Traced(kInfo, "ComTaskThread::OnThreadRun, End." + This(thread)));
-    thread->Destory();
-}
-
-TEST(ComTaskThread, StopEndsAfterItsPassAndRefusesLaterWork) {
-    TraceCapture trace;
-    ComTaskThread* thread = new ComTaskThread;
-    ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
-    EventLedger ledger(9);
-    RecordingHandler timer(&ledger);
+    // Stopping while the loop is held inside an event.
+    EventLedger stopped(9);
     ASSERT_EQ(COM_OK, thread->ScheduleTimer(&timer, nullptr, ComTimeValueType(3600, 0), 1));
-    Gate gate;
-    HoldLoop(thread, ledger, gate);
+    Gate hold;
+    HoldLoop(thread, stopped, hold);
     ASSERT_EQ(COM_OK, thread->PostEvent(new StopThreadEvent(thread)));
     for (size_t i = 1; i <= 6; ++i)
-        ASSERT_EQ(COM_OK, thread->PostEvent(new LedgerEvent(ledger, i)));
-
+        ASSERT_EQ(COM_OK, thread->PostEvent(new LedgerEvent(stopped, i)));
     ComTimeValueType timeout(1, 0);
     EXPECT_EQ(0, thread->Stop(&timeout));
     EXPECT_TRUE(trace.Traced(kInfo, "ComTaskThread::Stop" + This(thread)));
     // No stop event has run yet: the closed queue refuses and destroys.
-    EXPECT_EQ(COM_ERROR_FAILURE, thread->PostEvent(new LedgerEvent(ledger, 7)));
-    EXPECT_EQ(1, ledger.Destroyed(7));
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->PostEvent(new LedgerEvent(stopped, 7)));
+    EXPECT_EQ(1, stopped.Destroyed(7));
     EXPECT_TRUE(trace.Traced(kError, "ComTaskThread::PostEvent, failed" + This(thread)));
-    gate.Open();
+    hold.Open();
     ASSERT_EQ(COM_OK, thread->Join());
+    EXPECT_TRUE(trace.Traced(kInfo, "ComTaskThread::OnThreadRun, End." + This(thread)));
     // The pass that ran the first stop event took four more; the rest were discarded.
     for (size_t i = 1; i <= 6; ++i) {
-        EXPECT_EQ(i <= 4 ? 1 : 0, ledger.Fired(i)) << i;
-        EXPECT_EQ(1, ledger.Destroyed(i)) << i;
+        EXPECT_EQ(i <= 4 ? 1 : 0, stopped.Fired(i)) << i;
+        EXPECT_EQ(1, stopped.Destroyed(i)) << i;
     }
 
     // Once it has run, the thread refuses first and the caller keeps the event.
-    LedgerEvent kept(ledger, 8);
+    LedgerEvent kept(stopped, 8);
     EXPECT_EQ(COM_ERROR_FAILURE, thread->PostEvent(&kept));
     EXPECT_EQ(COM_ERROR_FAILURE, thread->SendEvent(&kept));
-    EXPECT_EQ(0, ledger.Destroyed(8));
+    EXPECT_EQ(0, stopped.Destroyed(8));
     EXPECT_TRUE(trace.Traced(kError, "ComTaskThread::PostEvent, stopped" + This(thread)));
     EXPECT_TRUE(trace.Traced(kError, "ComTaskThread::SendEvent, stopped" + This(thread)));
     EXPECT_EQ(COM_ERROR_FAILURE, thread->ScheduleTimer(&timer, nullptr, ComTimeValueType(1, 0), 1));
@@ -188,34 +159,27 @@ TEST(ComTaskThread, EveryEventEndsOnceUnderLoad) {
     const size_t kProducers = 4, kPerProducer = 400, half = kPerProducer / 2;
     EventLedger ledger(kProducers * kPerProducer);
     std::atomic<size_t> posted{0};
-    std::atomic<int> badResults{0};
     // Every odd event of the first half is sent (and returns its id), the rest posted.
     auto produce = [&](size_t aFirst, size_t aCount) {
         for (size_t id = aFirst; id < aFirst + aCount; ++id) {
             auto* event = new LedgerEvent(ledger, id, "", static_cast<int>(id));
-            if (id % kPerProducer < half && id % 2) {
-                badResults += thread->SendEvent(event) != static_cast<int>(id);
-            } else if (thread->PostEvent(event) != COM_OK && ledger.Destroyed(id) == 0) {
+            if (id % kPerProducer < half && id % 2)
+                EXPECT_EQ(static_cast<int>(id), thread->SendEvent(event));
+            else if (thread->PostEvent(event) != COM_OK && ledger.Destroyed(id) == 0)
                 event->OnDestorySelf();  // refused by the thread: still ours
-            }
             ++posted;
         }
     };
-    // Sending needs a thread that will run the event, so sends happen before
-    // the stop; posts race with it.
-    std::vector<std::thread> producers;
-    for (size_t p = 0; p < kProducers; ++p) producers.emplace_back(produce, p * kPerProducer, half);
-    for (std::thread& t : producers) t.join();
-    producers.clear();
-    for (size_t p = 0; p < kProducers; ++p)
-        producers.emplace_back(produce, p * kPerProducer + half, kPerProducer - half);
-    WaitUntil([&] { return posted.load() > kProducers * half + 100; });
-    thread->Stop(nullptr);
-    for (std::thread& t : producers) t.join();
+    // Sends need a running thread, so they come first; posts race with the stop.
+    RunThreads(kProducers, [&](size_t p) { produce(p * kPerProducer, half); });
+    RunThreads(kProducers + 1, [&](size_t p) {
+        if (p < kProducers) return produce(p * kPerProducer + half, kPerProducer - half);
+        WaitUntil([&] { return posted.load() > kProducers * half + 100; });
+        thread->Stop(nullptr);
+    });
     ASSERT_EQ(COM_OK, thread->Join());
     thread->Destory();  // discards what was accepted but never taken
 
-    EXPECT_EQ(0, badResults.load());
     for (size_t id = 0; id < kProducers * kPerProducer; ++id) {
         ASSERT_EQ(1, ledger.Destroyed(id)) << id;
         ASSERT_GE(1, ledger.Fired(id)) << id;
@@ -247,88 +211,72 @@ bool UserFunction(void* aArg) {
     return true;
 }
 
-TEST(ComUserThread, GivesUpOrSleepsUntilStopped) {
+TEST(ComUserThread, GivesUpSleepsFiresEventsOrEndsWithoutAFunction) {
     TraceCapture trace;
-    UserContext quitter, sleeper;
+    EventLedger ledger(14);
+    UserContext quitter, sleeper, queueing;
     quitter.giveUp = true;
     sleeper.release.Open();
+    queueing.ledger = &ledger;
     ComUserThread* gaveUp = new ComUserThread(&quitter, &UserFunction);
-    ComUserThread* asleep = new ComUserThread(&sleeper, &UserFunction);
-    quitter.thread = gaveUp;
-    sleeper.thread = asleep;
-    ASSERT_EQ(COM_OK, gaveUp->Create(BaseThread::TF_JOINABLE));
-    ASSERT_EQ(COM_OK, asleep->Create(BaseThread::TF_JOINABLE));
+    ComUserThread* asleep = sleeper.thread = new ComUserThread(&sleeper, &UserFunction);
+    auto* withQueue = new ComUserThreadWidthEventQueue(&queueing, &UserFunction);
+    queueing.thread = withQueue;
+    ComUserThread* empty = new ComUserThread(nullptr, nullptr);
+    ComUserThread* emptyQueue = new ComUserThreadWidthEventQueue(nullptr, nullptr);
+    EXPECT_EQ(nullptr, withQueue->GetEventQueue());  // reached only through its own post and send
+
+    // Not started yet: refused, and the caller keeps the event.
+    LedgerEvent early(ledger, 13);
+    EXPECT_EQ(COM_ERROR_FAILURE, withQueue->PostEvent(&early));
+    EXPECT_EQ(COM_ERROR_FAILURE, withQueue->SendEvent(&early));
+    EXPECT_EQ(0, ledger.Destroyed(13));
+    EXPECT_TRUE(
+        trace.Traced(kError, "ComUserThreadWidthEventQueue::PostEvent, stopped" + This(withQueue)));
+    EXPECT_TRUE(
+        trace.Traced(kError, "ComUserThreadWidthEventQueue::SendEvent, stopped" + This(withQueue)));
+
+    ComUserThread* const all[] = {gaveUp, asleep, withQueue, empty, emptyQueue};
+    for (ComUserThread* thread : all) ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
+    // Without a function a thread ends at once and needs no Stop.
+    EXPECT_EQ(COM_OK, empty->Join());
+    EXPECT_EQ(COM_OK, emptyQueue->Join());
+    EXPECT_TRUE(trace.Traced(kError, "ComUserThread::OnThreadRun, threadPtr=null" + This(empty)));
+    EXPECT_TRUE(trace.Traced(kError, AssertLine("ComTaskThread", 1074, "m_ThreadPtr != NULL")));
+
+    // Up to five queued events run after each call of the function.
+    ASSERT_TRUE(queueing.firstCall.Wait());
+    for (size_t i = 0; i < 12; ++i)
+        ASSERT_EQ(COM_OK, withQueue->PostEvent(new LedgerEvent(ledger, i, std::to_string(i))));
+    queueing.release.Open();
+    ASSERT_TRUE(WaitUntil([&] { return ledger.m_totalDestroyed.load() == 12; }));
+    ASSERT_TRUE(WaitUntil([&] { return queueing.calls.load() >= 4; }));
+    const std::vector<std::string> expected{"F", "0", "1", "2", "3", "4",  "F",  "5",
+                                            "6", "7", "8", "9", "F", "10", "11", "F"};
+    EXPECT_EQ(expected, ledger.Order());
+    EXPECT_EQ(5, withQueue->SendEvent(new LedgerEvent(ledger, 12, "", 5, [&] {
+        EXPECT_TRUE(pthread_equal(withQueue->GetThreadId(), pthread_self()));
+    })));
+
     EXPECT_TRUE(
         trace.WaitTraced(kWarning, "ComUserThread::OnThreadRun, break by user" + This(gaveUp)));
     EXPECT_TRUE(trace.WaitTraced(kInfo, "ComUserThread::ProcessBeforeExit, wait" + This(gaveUp)));
     ASSERT_TRUE(sleeper.firstCall.Wait());
     std::this_thread::sleep_for(std::chrono::milliseconds(20));  // let it fall asleep
-    for (ComUserThread* thread : {gaveUp, asleep}) {
+    for (ComUserThread* thread : std::initializer_list<ComUserThread*>{gaveUp, asleep, withQueue}) {
         EXPECT_EQ(0, thread->Stop(nullptr));
         ASSERT_EQ(COM_OK, thread->Join());
     }
     EXPECT_TRUE(trace.Traced(kInfo, "ComUserThread::OnThreadRun, end, stoped=1" + This(gaveUp)));
+    EXPECT_TRUE(
+        trace.Traced(kInfo, "ComUserThreadWidthEventQueue::OnThreadRun, end" + This(withQueue)));
     EXPECT_EQ(1, quitter.calls.load());
     EXPECT_EQ(1, sleeper.calls.load());
     EXPECT_EQ(0, sleeper.waitResult.load());  // woken (or refused), not timed out
     EXPECT_EQ(0, asleep->WaitMills(10000));
     EXPECT_TRUE(
         trace.Traced(kError, "ComUserThread::WaitMills, thread has stopped" + This(asleep)));
-    gaveUp->Destory();
-    asleep->Destory();
-
-    // A thread without a function ends at once and needs no Stop.
-    ComUserThread* empty = new ComUserThread(nullptr, nullptr);
-    ComUserThreadWidthEventQueue* emptyQueue = new ComUserThreadWidthEventQueue(nullptr, nullptr);
-    ASSERT_EQ(COM_OK, empty->Create(BaseThread::TF_JOINABLE));
-    ASSERT_EQ(COM_OK, emptyQueue->Create(BaseThread::TF_JOINABLE));
-    EXPECT_EQ(COM_OK, empty->Join());
-    EXPECT_EQ(COM_OK, emptyQueue->Join());
-    EXPECT_TRUE(trace.Traced(kError, "ComUserThread::OnThreadRun, threadPtr=null" + This(empty)));
-    EXPECT_TRUE(trace.Traced(kError, Assert(1074, "m_ThreadPtr != NULL")));
-    empty->Destory();
-    emptyQueue->Destory();
-}
-
-TEST(ComUserThreadWidthEventQueue, FiresFiveEventsPerCall) {
-    TraceCapture trace;
-    EventLedger ledger(14);
-    UserContext ctx;
-    ctx.ledger = &ledger;
-    ComUserThreadWidthEventQueue* thread = new ComUserThreadWidthEventQueue(&ctx, &UserFunction);
-    ctx.thread = thread;
-    EXPECT_EQ(nullptr, thread->GetEventQueue());  // reached only through its own post and send
-
-    LedgerEvent early(ledger, 13);
-    EXPECT_EQ(COM_ERROR_FAILURE, thread->PostEvent(&early));
-    EXPECT_EQ(COM_ERROR_FAILURE, thread->SendEvent(&early));
-    EXPECT_EQ(0, ledger.Destroyed(13));
-    EXPECT_TRUE(
-        trace.Traced(kError, "ComUserThreadWidthEventQueue::PostEvent, stopped" + This(thread)));
-    EXPECT_TRUE(
-        trace.Traced(kError, "ComUserThreadWidthEventQueue::SendEvent, stopped" + This(thread)));
-
-    ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
-    ASSERT_TRUE(ctx.firstCall.Wait());
-    for (size_t i = 0; i < 12; ++i)
-        ASSERT_EQ(COM_OK, thread->PostEvent(new LedgerEvent(ledger, i, std::to_string(i))));
-    ctx.release.Open();
-    ASSERT_TRUE(WaitUntil([&] { return ledger.m_totalDestroyed.load() == 12; }));
-    ASSERT_TRUE(WaitUntil([&] { return ctx.calls.load() >= 4; }));
-    const std::vector<std::string> expected{"F", "0", "1", "2", "3", "4",  "F",  "5",
-                                            "6", "7", "8", "9", "F", "10", "11", "F"};
-    EXPECT_EQ(expected, ledger.Order());
-
-    pthread_t firedOn = 0;
-    EXPECT_EQ(5, thread->SendEvent(
-                     new LedgerEvent(ledger, 12, "", 5, [&] { firedOn = pthread_self(); })));
-    EXPECT_TRUE(pthread_equal(thread->GetThreadId(), firedOn));
-
-    thread->Stop(nullptr);
-    ASSERT_EQ(COM_OK, thread->Join());
-    EXPECT_TRUE(
-        trace.Traced(kInfo, "ComUserThreadWidthEventQueue::OnThreadRun, end" + This(thread)));
-    thread->Destory();
+    for (ComUserThread* thread : all) thread->Destory();
 }
 
 }  // namespace

@@ -10,38 +10,39 @@ using namespace webrtc;
 
 // What a thread function sees and does; the test steers it.
 struct Loop {
-    std::atomic<int> calls{0};
-    std::atomic<int> returns{0};
-    int sleepMs = 0;
+    std::atomic<int> calls{0}, returns{0}, insideStop{-1};
     std::atomic<int> callsLeft{1 << 30};  // returns false when it reaches 0
     std::atomic<uint32_t> tid{0};
-    std::atomic<int> insideStop{-1};
-    char name[16] = {};
     int policy = -1;
-    int priority = -1;
-    ThreadWrapper* stopFromInside = nullptr;
-    EventWrapper* block = nullptr;  // when set, each call waits on it
+    struct sched_param param = {-1};
+    char name[16] = {};
+    bool stopFromInside = false;
+    std::unique_ptr<EventWrapper> block;  // when set, each call waits on it
+    unsigned int id = 0;
+    std::unique_ptr<ThreadWrapper> thread;  // declared last: stopped before the rest goes
 
     static bool Run(ThreadObj aLoop) {
         Loop* loop = static_cast<Loop*>(aLoop);
         if (loop->calls++ == 0) {
             pthread_getname_np(pthread_self(), loop->name, sizeof(loop->name));
-            struct sched_param param;
-            pthread_getschedparam(pthread_self(), &loop->policy, &param);
-            loop->priority = param.sched_priority;
+            pthread_getschedparam(pthread_self(), &loop->policy, &loop->param);
             loop->tid = ThreadWrapper::GetThreadId();
         }
         if (loop->block) loop->block->Wait(WEBRTC_EVENT_INFINITE);
-        if (loop->stopFromInside) loop->insideStop = loop->stopFromInside->Stop();
-        std::this_thread::sleep_for(std::chrono::milliseconds(loop->sleepMs));
+        if (loop->stopFromInside) loop->insideStop = loop->thread->Stop();
+        // So that an end most likely finds a call running, and no loop spins.
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
         const bool again = --loop->callsLeft > 0;
         ++loop->returns;
         return again;
     }
-    std::unique_ptr<ThreadWrapper> Make(ThreadPriority aPriority = kNormalPriority,
-                                        const char* aName = nullptr) {
-        return std::unique_ptr<ThreadWrapper>(
-            ThreadWrapper::CreateThread(&Loop::Run, this, aPriority, aName));
+    // Replaces the thread object (deleting the old one) with a new one.
+    ThreadWrapper* Make(ThreadPriority aPriority = kNormalPriority, const char* aName = nullptr) {
+        thread.reset(ThreadWrapper::CreateThread(&Loop::Run, this, aPriority, aName));
+        return thread.get();
+    }
+    bool Start(ThreadPriority aPriority = kNormalPriority, const char* aName = nullptr) {
+        return Make(aPriority, aName) && thread->Start(id);
     }
 };
 
@@ -49,57 +50,40 @@ TEST(ThreadWrapper, CreateStartNameAndLoopEnd) {
     Loop loop;
     EXPECT_EQ(nullptr, ThreadWrapper::CreateThread(nullptr, &loop));
     EXPECT_EQ(nullptr, loop.Make(kNormalPriority, std::string(64, 'n').c_str()));
-    EXPECT_NE(nullptr, loop.Make(kNormalPriority, std::string(63, 'n').c_str()));
+    EXPECT_TRUE(loop.Make(kNormalPriority, std::string(63, 'n').c_str())->Stop());  // not started
+    EXPECT_EQ(0, loop.calls);
 
     TraceCapture trace;
-    std::unique_ptr<ThreadWrapper> thread = loop.Make(kLowPriority, "audio_capture_thread");
-    unsigned int id = 0;
-    ASSERT_TRUE(thread->Start(id));
+    ASSERT_TRUE(loop.Start(kLowPriority, "audio_capture_thread"));
     EXPECT_TRUE(trace.Traced(kInfo, "[TF]: id=-1, Thread with name:audio_capture_thread started"));
-    EXPECT_FALSE(thread->Start(id));
+    EXPECT_FALSE(loop.thread->Start(loop.id));
     // The function runs until it returns false; the thread then ends.
     loop.callsLeft = 3;
-    ASSERT_TRUE(WaitUntil([&] { return Gone(id); }));
+    ASSERT_TRUE(WaitUntil([&] { return Gone(loop.id); }));
     EXPECT_EQ(0, loop.callsLeft);
-    EXPECT_EQ(id, loop.tid);
-    EXPECT_NE(ThreadWrapper::GetThreadId(), id);
+    EXPECT_EQ(loop.id, loop.tid);
     EXPECT_STREQ("audio_capture_t", loop.name);
     EXPECT_EQ(SCHED_OTHER, loop.policy);
-    EXPECT_TRUE(thread->Stop());
-    // An ended thread starts again; an unnamed one traces an empty name.
-    loop.callsLeft = 1;
-    EXPECT_TRUE(thread->Start(id));
-    EXPECT_TRUE(thread->Stop());
-    EXPECT_TRUE(loop.Make()->Start(id));
+    EXPECT_TRUE(loop.thread->Stop());
+    // An ended thread starts again. Stopped as soon as it started, the function
+    // still runs; an unnamed thread traces an empty name.
+    loop.calls = 0;
+    EXPECT_TRUE(loop.thread->Start(loop.id));
+    EXPECT_TRUE(loop.thread->Stop());
+    EXPECT_LE(1, loop.calls);
+    EXPECT_TRUE(loop.Make()->Start(loop.id));
     EXPECT_TRUE(trace.Traced(kInfo, "[TF]: id=-1, Thread with name: started"));
 }
 
-TEST(ThreadWrapper, StopRules) {
-    Loop never;
-    EXPECT_TRUE(never.Make()->Stop());  // never started
-    EXPECT_EQ(0, never.calls);
-    // Stopped as soon as it started, the function still ran.
-    std::unique_ptr<ThreadWrapper> quick = never.Make();
-    unsigned int quickId = 0;
-    ASSERT_TRUE(quick->Start(quickId));
-    EXPECT_TRUE(quick->Stop());
-    EXPECT_LE(1, never.calls);
-
+TEST(ThreadWrapper, StopRulesAndAStuckFunction) {
     // SetNotAlive ends the loop after the current call; so does deleting it.
     for (bool viaDelete : {false, true}) {
         Loop loop;
-        loop.sleepMs = 1;  // so that the end most likely finds a call running
-        std::unique_ptr<ThreadWrapper> thread = loop.Make();
-        unsigned int id = 0;
-        ASSERT_TRUE(thread->Start(id));
+        ASSERT_TRUE(loop.Start());
         ASSERT_TRUE(WaitUntil([&] { return loop.calls > 3; }));
-        if (viaDelete) {
-            thread.reset();
-        } else {
-            thread->SetNotAlive();
-            ASSERT_TRUE(WaitUntil([&] { return Gone(id); }));
-            EXPECT_TRUE(thread->Stop());
-        }
+        viaDelete ? loop.thread.reset() : loop.thread->SetNotAlive();
+        ASSERT_TRUE(viaDelete || WaitUntil([&] { return Gone(loop.id); }));
+        EXPECT_TRUE(viaDelete || loop.thread->Stop());
         const int calls = loop.calls;
         EXPECT_EQ(calls, loop.returns);  // no call left running
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -108,28 +92,22 @@ TEST(ThreadWrapper, StopRules) {
 
     // From inside: refused, and the thread ends after that call.
     Loop inside;
-    std::unique_ptr<ThreadWrapper> thread = inside.Make();
-    inside.stopFromInside = thread.get();
-    unsigned int id = 0;
-    ASSERT_TRUE(thread->Start(id));
+    inside.stopFromInside = true;
+    ASSERT_TRUE(inside.Start());
     ASSERT_TRUE(WaitUntil([&] { return inside.insideStop == 0; }));
-    EXPECT_TRUE(thread->Stop());
+    EXPECT_TRUE(inside.thread->Stop());
     EXPECT_EQ(1, inside.calls);
-}
 
-TEST(ThreadWrapper, StopGivesUpOnAStuckFunctionWhichEndsAlone) {
+    // Stop gives up on a stuck function, which ends alone later.
     Loop stuck;
-    std::unique_ptr<EventWrapper> release(EventWrapper::Create());
-    stuck.block = release.get();
-    std::unique_ptr<ThreadWrapper> thread = stuck.Make();
-    unsigned int id = 0;
-    ASSERT_TRUE(thread->Start(id));
+    stuck.block.reset(EventWrapper::Create());
+    ASSERT_TRUE(stuck.Start());
     ASSERT_TRUE(WaitUntil([&] { return stuck.calls == 1; }));
-    EXPECT_FALSE(thread->Stop());  // after its 10 seconds
-    EXPECT_FALSE(thread->Start(id));
-    thread.reset();  // the thread still runs and must not touch the object
-    release->Set();
-    ASSERT_TRUE(WaitUntil([&] { return stuck.returns == 1 && Gone(id); }));
+    EXPECT_FALSE(stuck.thread->Stop());  // after its 10 seconds
+    EXPECT_FALSE(stuck.thread->Start(stuck.id));
+    stuck.thread.reset();  // the thread still runs and must not touch the object
+    stuck.block->Set();
+    ASSERT_TRUE(WaitUntil([&] { return stuck.returns == 1 && Gone(stuck.id); }));
     EXPECT_EQ(1, stuck.calls);
 }
 
@@ -141,74 +119,54 @@ TEST(ThreadWrapper, PriorityAndAffinity) {
     }).join();
     TraceCapture trace;
     const int cpu0[] = {0}, missing[] = {0, CPU_SETSIZE + 1}, negative[] = {-1};
+    const std::pair<const int*, unsigned> refused[] = {
+        {nullptr, 1}, {cpu0, 0}, {missing, 2}, {negative, 1}};
     for (ThreadPriority priority : {kHighestPriority, kRealtimePriority}) {
         Loop loop;
         const std::string name = "rt" + std::to_string(priority);
-        std::unique_ptr<ThreadWrapper> thread = loop.Make(priority, name.c_str());
-        unsigned int id = 0;
-        EXPECT_FALSE(thread->SetAffinity(cpu0, 1));  // not running
-        ASSERT_TRUE(thread->Start(id));
+        EXPECT_FALSE(loop.Make(priority, name.c_str())->SetAffinity(cpu0, 1));  // not running
+        ASSERT_TRUE(loop.thread->Start(loop.id));
         ASSERT_TRUE(WaitUntil([&] { return loop.tid != 0; }));
         // Round-robin, highest one step below realtime; where refused, the
         // default policy and one warning line.
-        const int expected =
-            sched_get_priority_max(SCHED_RR) - (priority == kHighestPriority ? 1 : 0);
-        const size_t warnings =
-            trace.CountMatching(kWarning, "\\[TF\\]:Thread with name:" + name + ",.*");
-        EXPECT_TRUE(realtimeAllowed
-                        ? loop.policy == SCHED_RR && warnings == 0 && loop.priority == expected
-                        : loop.policy == SCHED_OTHER && warnings == 1)
-            << name << ": policy " << loop.policy << ", priority " << loop.priority << ", warnings "
-            << warnings;
-        EXPECT_FALSE(thread->SetAffinity(nullptr, 1));
-        EXPECT_FALSE(thread->SetAffinity(cpu0, 0));
-        EXPECT_FALSE(thread->SetAffinity(missing, 2));
-        EXPECT_FALSE(thread->SetAffinity(negative, 1));
-        EXPECT_TRUE(thread->SetAffinity(cpu0, 1));
+        EXPECT_EQ(realtimeAllowed ? SCHED_RR : SCHED_OTHER, loop.policy) << name;
+        EXPECT_EQ(realtimeAllowed ? 0u : 1u,
+                  trace.CountMatching(kWarning, "\\[TF\\]:Thread with name:" + name + ",.*"));
+        const int top = sched_get_priority_max(SCHED_RR) - (priority == kHighestPriority ? 1 : 0);
+        EXPECT_EQ(realtimeAllowed ? top : 0, loop.param.sched_priority) << name;
+        for (auto [cpus, count] : refused) EXPECT_FALSE(loop.thread->SetAffinity(cpus, count));
+        EXPECT_TRUE(loop.thread->SetAffinity(cpu0, 1));
     }
 }
 
-// A module due every aPeriodMs (0: always), optionally slow to process.
-class CountingModule : public Module {
-public:
-    explicit CountingModule(int32_t aPeriodMs = 0, int aSlowMs = 0)
-        : m_period(aPeriodMs), m_slowMs(aSlowMs) {}
+// A module due every m_period ms (0: always); m_onProcess runs inside Process.
+struct CountingModule : Module {
+    explicit CountingModule(int32_t aPeriodMs = 0) : m_period(aPeriodMs) {}
     int32_t TimeUntilNextProcess() override {
-        return m_period ? static_cast<int32_t>(m_next - TickTime::MillisecondTimestamp()) : 0;
+        return static_cast<int32_t>(m_next - TickTime::MillisecondTimestamp());
     }
     int32_t Process() override {
-        m_next = TickTime::MillisecondTimestamp() + m_period;
-        std::this_thread::sleep_for(std::chrono::milliseconds(m_slowMs));
-        m_payload.assign(64, 'x');  // touches the module's memory
-        if (m_onProcess) m_onProcess(this);
+        m_next = TickTime::MillisecondTimestamp() + m_period;  // it touches the module
+        if (m_onProcess) m_onProcess();
         ++m_processed;
         return 0;
     }
 
-    std::atomic<int> m_processed{0};
-    std::function<void(CountingModule*)> m_onProcess;
-
-private:
     const int32_t m_period;
-    const int m_slowMs;
-    std::atomic<int64_t> m_next{0};
-    std::string m_payload;
+    // Due at once. Near "now", unlike 0, whose distance to now overflows int32.
+    std::atomic<int64_t> m_next{TickTime::MillisecondTimestamp()};
+    std::atomic<int> m_processed{0};
+    std::function<void()> m_onProcess;
 };
 
-TEST(ProcessThread, RegistrationOrderAndRefusals) {
+TEST(ProcessThread, RegistrationOrderRefusalsAndCallsFromInside) {
     TraceCapture trace;
     ProcessThread* process = ProcessThread::CreateProcessThread();
     EXPECT_EQ(0, process->Start());
     EXPECT_EQ(-1, process->Start());
-    std::mutex orderMutex;
-    std::vector<CountingModule*> order;
     CountingModule first(1000000), second(1000000);
-    for (CountingModule* module : {&first, &second}) {
-        module->m_onProcess = [&](CountingModule* aModule) {
-            std::lock_guard<std::mutex> lock(orderMutex);
-            order.push_back(aModule);
-        };
-    }
+    int firstBeforeSecond = -1;
+    second.m_onProcess = [&] { firstBeforeSecond = first.m_processed; };
     EXPECT_EQ(-1, process->RegisterModule(nullptr));
     EXPECT_EQ(-1, process->DeRegisterModule(&first));
     // Registered while stopped, both due now: served in one pass, in order.
@@ -222,7 +180,7 @@ TEST(ProcessThread, RegistrationOrderAndRefusals) {
         trace.Traced(kInfo, "[TF]: id=-1, number of registered modules has increased to 2"));
     EXPECT_EQ(0, process->Start());
     ASSERT_TRUE(WaitUntil([&] { return second.m_processed == 1; }));
-    EXPECT_EQ((std::vector<CountingModule*>{&first, &second}), order);
+    EXPECT_EQ(1, firstBeforeSecond);
 
     // A module due in 20 ms is served again and again; the others wait.
     CountingModule periodic(20);
@@ -231,14 +189,11 @@ TEST(ProcessThread, RegistrationOrderAndRefusals) {
     EXPECT_EQ(0, process->DeRegisterModule(&periodic));
     EXPECT_EQ(-1, process->DeRegisterModule(&periodic));
     EXPECT_EQ(1, first.m_processed);
-    ProcessThread::DestroyProcessThread(process);
-}
 
-TEST(ProcessThread, DeregisteredModuleMayBeDeletedAtOnce) {
-    ProcessThread* process = ProcessThread::CreateProcessThread();
-    ASSERT_EQ(0, process->Start());
+    // A deregistered module may be deleted at once.
     for (int round = 0; round < 20; ++round) {
-        CountingModule* slow = new CountingModule(0, 5);
+        CountingModule* slow = new CountingModule;
+        slow->m_onProcess = [] { std::this_thread::sleep_for(std::chrono::milliseconds(5)); };
         ASSERT_EQ(0, process->RegisterModule(slow));
         ASSERT_TRUE(WaitUntil([&] { return slow->m_processed > round % 3; }));
         ASSERT_EQ(0, process->DeRegisterModule(slow));
@@ -246,10 +201,10 @@ TEST(ProcessThread, DeregisteredModuleMayBeDeletedAtOnce) {
     }
 
     // From inside Process: deregister itself, register another, stop the thread.
-    CountingModule other(1000000), self, stopper;
+    CountingModule other(1000000), self, stopper, destroyer;
     int selfResult = 1, registerResult = 1, stopResult = 1;
-    self.m_onProcess = [&](CountingModule* aModule) {
-        selfResult = process->DeRegisterModule(aModule);
+    self.m_onProcess = [&] {
+        selfResult = process->DeRegisterModule(&self);
         registerResult = process->RegisterModule(&other);
     };
     ASSERT_EQ(0, process->RegisterModule(&self));
@@ -257,7 +212,7 @@ TEST(ProcessThread, DeregisteredModuleMayBeDeletedAtOnce) {
     EXPECT_EQ(0, selfResult);
     EXPECT_EQ(0, registerResult);
     EXPECT_EQ(1, self.m_processed);
-    stopper.m_onProcess = [&](CountingModule*) { stopResult = process->Stop(); };
+    stopper.m_onProcess = [&] { stopResult = process->Stop(); };
     ASSERT_EQ(0, process->RegisterModule(&stopper));
     ASSERT_TRUE(WaitUntil([&] { return stopper.m_processed == 1; }));
     EXPECT_EQ(-1, stopResult);
@@ -267,9 +222,8 @@ TEST(ProcessThread, DeregisteredModuleMayBeDeletedAtOnce) {
     EXPECT_EQ(0, process->Start());  // a stopped thread starts again
 
     // Destroyed from inside Process: freed once that pass ends (ASan checks).
-    CountingModule destroyer;
     std::atomic<uint32_t> serving{0};
-    destroyer.m_onProcess = [&](CountingModule*) {
+    destroyer.m_onProcess = [&] {
         serving = ThreadWrapper::GetThreadId();
         ProcessThread::DestroyProcessThread(process);
     };
