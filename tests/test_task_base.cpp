@@ -31,6 +31,23 @@ TEST(ComSemaphore, CountsPostsAndTracesFailures) {
     EXPECT_EQ(COM_OK, sem.UnLock());
     EXPECT_EQ(COM_OK, fourth.get());
 
+    // An interrupted wait is not retried: a signal ends it as a failure.
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};  // and no SA_RESTART
+    sigaction(SIGUSR1, &action, nullptr);
+    std::atomic<pthread_t> waiter{0};
+    auto interrupted =
+        std::async(std::launch::async, [&] { return waiter = pthread_self(), sem.Lock(); });
+    EXPECT_EQ(COM_ERROR_FAILURE, WakeUntilDone(interrupted, [&] {
+                  if (waiter) pthread_kill(waiter, SIGUSR1);
+              }));
+    EXPECT_TRUE(capture.Traced(kError, "ComSemaphore::Lock, sem_wait() failed! err=" +
+                                           std::to_string(EINTR) + This(&sem)));
+
+    ComSemaphore full(SEM_VALUE_MAX);  // one more post would overflow
+    EXPECT_EQ(COM_ERROR_FAILURE, full.UnLock());
+    EXPECT_TRUE(capture.Traced(kError, "ComSemaphore::UnLock, sem_post() failed! err=" +
+                                           std::to_string(EOVERFLOW) + This(&full)));
     ComSemaphore refused(-1);  // beyond SEM_VALUE_MAX: sem_init fails with EINVAL
     EXPECT_TRUE(capture.Traced(kError, "ComSemaphore::ComSemaphore, sem_init() failed! err=" +
                                            std::to_string(EINVAL) + This(&refused)));

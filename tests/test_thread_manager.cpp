@@ -119,7 +119,7 @@ TEST(ThreadManager, ThreadsTheirTimersAndForeignThreadRecords) {
     manager->DestroyDummyThread(records[2]);
     manager->DestroyDummyThread(records[1]);
     const std::string gone = "[COM]:~ComDummyThread" + This(records[0]);
-    EXPECT_TRUE(capture.NotTraced(kInfo, gone));
+    EXPECT_EQ(0u, capture.Count(kInfo, gone));
     manager->DestroyDummyThread(records[0]);
     EXPECT_TRUE(capture.Traced(kInfo, gone));
     EXPECT_TRUE(manager->m_DummyThreads.empty());

@@ -98,10 +98,6 @@ size_t TraceCapture::CountMatching(int aLevel, const std::string& aPattern) cons
     return Report(Count(aLevel, aText) > 0, "not traced", aLevel, aText);
 }
 
-::testing::AssertionResult TraceCapture::NotTraced(int aLevel, const std::string& aText) const {
-    return Report(Count(aLevel, aText) == 0, "traced", aLevel, aText);
-}
-
 ::testing::AssertionResult TraceCapture::WaitTraced(int aLevel, const std::string& aText,
                                                     std::chrono::milliseconds aTimeout) const {
     std::unique_lock<std::mutex> lock(gMutex);

@@ -69,7 +69,6 @@ public:
     // Lines whose text matches the regular expression aPattern as a whole.
     size_t CountMatching(int aLevel, const std::string& aPattern) const;
     ::testing::AssertionResult Traced(int aLevel, const std::string& aText) const;
-    ::testing::AssertionResult NotTraced(int aLevel, const std::string& aText) const;
     // For lines traced by another thread; the bound is generous on purpose.
     ::testing::AssertionResult WaitTraced(
         int aLevel, const std::string& aText,
