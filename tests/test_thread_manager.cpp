@@ -28,7 +28,7 @@ TEST(ThreadManager, ConcurrentFirstInstance) {
     std::atomic<int> ready{0};
     std::vector<ComThreadManger*> seen(8, nullptr);
     RunThreads(8, [&](int i) {
-        for (++ready; ready < 8;) continue;  // all eight ask at once
+        for (++ready; ready < 8;) std::this_thread::yield();  // all eight ask at once
         seen[i] = ComThreadManger::GetInstance();
     });
     ASSERT_NE(nullptr, seen[0]);
