@@ -53,7 +53,15 @@ TEST(BaseThread, StartHandshakeJoinRulesAndRetryAfterFailedStart) {
     }
     EXPECT_TRUE(thread->m_initDone);  // no waiting: Create returned after OnThreadInit
     EXPECT_TRUE(trace.Traced(kInfo, "BaseThread::Create, aType=0, aFlag=1" + This(thread)));
+    // One thread per object: refused while it runs and after its body ended until it is
+    // joined; once joined, the object starts again.
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->Create(BaseThread::TF_DETACHED));
     thread->Stop(nullptr);
+    ASSERT_TRUE(thread->m_done->Wait());
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->Create(BaseThread::TF_JOINABLE));
+    EXPECT_EQ(2u, trace.Count(kError, "BaseThread::Create, already running" + This(thread)));
+    EXPECT_EQ(COM_OK, thread->Join());
+    ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
     EXPECT_EQ(COM_OK, thread->Join());
     EXPECT_EQ(COM_ERROR_FAILURE, thread->m_selfJoin.load());
     EXPECT_TRUE(trace.Traced(kError, "BaseThread::Join, join in the same thread" + This(thread)));
@@ -63,6 +71,7 @@ TEST(BaseThread, StartHandshakeJoinRulesAndRetryAfterFailedStart) {
 
     ProbeThread* detached = new ProbeThread;
     ASSERT_EQ(COM_OK, detached->Create(BaseThread::TF_DETACHED));
+    EXPECT_EQ(COM_ERROR_FAILURE, detached->Create(BaseThread::TF_DETACHED));  // its end is unseen
     EXPECT_EQ(COM_OK, detached->Join());
     EXPECT_TRUE(trace.Traced(kWarning, "BaseThread::Join, join detached thread" + This(detached)));
     detached->Stop(nullptr);

@@ -106,10 +106,19 @@ TEST(ThreadManager, ThreadsTheirTimersAndForeignThreadRecords) {
     EXPECT_EQ(COM_ERROR_FAILURE, manager->DestroyThread(nullptr));
     EXPECT_TRUE(capture.Traced(kError, "ComThreadManger::DestroyThread, threadptr=null" + self));
 
+    // A running thread is neither started again nor destroyed from itself; it carries on.
+    EXPECT_EQ(COM_ERROR_FAILURE, task->Create(BaseThread::TF_JOINABLE));
+    EXPECT_TRUE(capture.Traced(kError, "BaseThread::Create, already running" + This(task)));
+    RunOn(task, [&] { EXPECT_EQ(COM_ERROR_FAILURE, manager->DestroyThread(task)); });
+    EXPECT_TRUE(capture.Traced(
+        kError, "ComThreadManger::DestroyThread, destroy in the same thread" + self));
+    EXPECT_EQ(COM_OK, RunOn(task, [&] { found[0] = manager->GetCurrentThreadPtr(); }));
+    EXPECT_EQ(task, found[0]);
+
     for (BaseThread* thread : std::vector<BaseThread*>{task, reactor, user, userWithQueue})
         EXPECT_EQ(0, manager->DestroyThread(thread));
     EXPECT_TRUE(manager->m_Threads.empty());
-    EXPECT_EQ(5u, capture.Count(kInfo, "ComThreadManger::DestroyThread" + self));
+    EXPECT_EQ(6u, capture.Count(kInfo, "ComThreadManger::DestroyThread" + self));
 
     // A foreign thread's record is shared by its callers and counted.
     ComDummyThread* records[3] = {};

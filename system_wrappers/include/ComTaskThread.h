@@ -60,6 +60,9 @@ private:
     // A joinable thread that was started and not yet joined: pthread_join and
     // pthread_cancel are only safe on such a thread.
     std::atomic<bool> m_bJoinable;
+    // From pthread_create until a successful Join; Create refuses while set. A
+    // detached thread cannot be seen to end, so its object is started once only.
+    std::atomic<bool> m_bStarted;
 };
 
 // A thread that is stopped by an event it runs itself.

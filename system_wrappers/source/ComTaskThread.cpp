@@ -368,7 +368,8 @@ BaseThread::BaseThread(unsigned long aType)
       m_Type(aType),
       m_Flag(0),
       m_pEvent4Start(nullptr),
-      m_bJoinable(false) {}
+      m_bJoinable(false),
+      m_bStarted(false) {}
 
 BaseThread::~BaseThread() {
     // Left behind only by a failed Create; no thread waits on it.
@@ -393,6 +394,12 @@ int BaseThread::Create(unsigned long aFlag) {
                                                << ", this=" << Addr(this));
     if (!SW_ASSERT_LINE(629, aFlag == TF_JOINABLE || aFlag == TF_DETACHED,
                         "aFlag == TF_JOINABLE || aFlag == TF_DETACHED")) {
+        return COM_ERROR_FAILURE;
+    }
+    // A second thread on this object would run the same body over the same
+    // state, and a new handle would leak the one not yet joined.
+    if (m_bStarted.load(std::memory_order_acquire)) {
+        SW_TRACE_ERROR("BaseThread::Create, already running, this=" << Addr(this));
         return COM_ERROR_FAILURE;
     }
     m_Flag = aFlag;
@@ -425,8 +432,11 @@ int BaseThread::Create(unsigned long aFlag) {
         pthread_attr_destroy(&attr);
         return COM_ERROR_FAILURE;
     }
+    // Set first, so that the new thread itself sees it too.
+    m_bStarted.store(true, std::memory_order_release);
     err = pthread_create(&m_Tid, &attr, ThreadProc, this);
     if (err != 0) {
+        m_bStarted.store(false, std::memory_order_release);
         SW_TRACE_ERROR(
             "BaseThread::Create, pthread_create() failed! err=" << err << ", this=" << Addr(this));
         pthread_attr_destroy(&attr);
@@ -484,6 +494,7 @@ int BaseThread::Join() {
                                                                        << ", this=" << Addr(this));
         return COM_ERROR_FAILURE;
     }
+    m_bStarted.store(false, std::memory_order_release);
     return 0;
 }
 

@@ -154,6 +154,12 @@ int ComThreadManger::DestroyThread(BaseThread* aThread) {
     SW_TRACE_INFO("ComThreadManger::DestroyThread, this=" << Addr(this));
     {
         PattAutoLock<CMyMutex> lock(s_Mutex);
+        // The thread would join itself and delete the object it runs on.
+        if (BaseThread::IsEqualCurrentThread(aThread->GetThreadId())) {
+            SW_TRACE_ERROR(
+                "ComThreadManger::DestroyThread, destroy in the same thread, this=" << Addr(this));
+            return COM_ERROR_FAILURE;
+        }
         auto it = m_Threads.find(aThread->GetThreadId());
         // Compared by object too: an unknown pointer must not stop a
         // registered thread that happens to share its handle.
