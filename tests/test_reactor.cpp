@@ -1,6 +1,11 @@
 // The reactor, its wake-up pipe and the reactor thread.
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
 
 #include "test_support.h"
 
@@ -58,10 +63,11 @@ TEST(Reactor, WatchedSetLimitsWakeTokensAndEventTurns) {
         EXPECT_EQ(1, reactor.build_socket_set(readSet, writeSet, bound));
         EXPECT_EQ(8, bound);
         EXPECT_TRUE(FD_ISSET(7, &writeSet) && !FD_ISSET(7, &readSet));
-        EXPECT_TRUE(capture.Traced(
-            kError, "[COM]:build_socket_set, handle out of fd_set range, handle=" +
-                        std::to_string(FD_SETSIZE + 5) +
-                        ", skipped=2, limit=" + std::to_string(FD_SETSIZE) + This(&reactor)));
+        const std::string range = "handle out of fd_set range, handle=" + std::to_string(high.fd);
+        const std::string end = ", limit=" + std::to_string(FD_SETSIZE) + This(&reactor);
+        EXPECT_TRUE(
+            capture.Traced(kError, "[COM]:build_socket_set, " + range + ", skipped=2" + end));
+        EXPECT_TRUE(capture.Traced(kError, "[COM]:register_handle, " + range + end));
         EXPECT_EQ(0, reactor.unregister_handle(&high));
         EXPECT_EQ(-1, reactor.unregister_handle(&high));
         EXPECT_EQ(-1, reactor.unregister_handle(nullptr));
@@ -97,8 +103,18 @@ TEST(Reactor, WatchedSetLimitsWakeTokensAndEventTurns) {
         // The stop flag ends the loop at its next turn, closing what is left.
         CountingHandle handle(readEnd + 100);
         reactor.register_handle(&handle, 4);  // a mask bit that watches nothing
-        reactor.set_stop_flag();
+        reactor.register_handle(&high, 1);
+        int loops = 0;
+        std::function<void()> again = [&] {
+            ++loops < 50 ? (void)queue->PostEvent(new FnEvent(again)) : reactor.set_stop_flag();
+        };
+        queue->PostEvent(new FnEvent(again));  // 50 turns, out-of-range lines once a second
+        const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(0, reactor.run_loop());
+        const auto took = std::chrono::steady_clock::now() - start;
+        EXPECT_EQ(50, loops);  // two lines from above, one at registration, one on the first turn
+        EXPECT_LE(capture.CountMatching(kError, ".*" + range + ",.*"),
+                  4u + std::chrono::duration_cast<std::chrono::seconds>(took).count());
         EXPECT_EQ(1, handle.closes);
         EXPECT_TRUE(reactor.m_Handles.empty());
         EXPECT_TRUE(capture.Traced(kInfo, "[COM]:un_init" + This(&reactor)));
@@ -114,6 +130,43 @@ TEST(Reactor, WatchedSetLimitsWakeTokensAndEventTurns) {
     EXPECT_EQ(
         2u, capture.CountMatching(
                 kError, "system_wrappers/source/com_pipe: \\d+, assert failed, _reactor != NULL"));
+}
+
+TEST(Reactor, WakeUpPipeTakesOnlyItsOwnConnection) {
+    // A seccomp filter holds the opening thread in connect while an intruder connects first.
+    ProcessResources before;
+    ComPipe pipe;
+    std::atomic<int> notifier{-2}, opened{-2};
+    std::thread opener([&] {
+        sock_filter code[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                              BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_connect, 0, 1),
+                              BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF),
+                              BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+        sock_fprog program{4, code};
+        prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);  // this thread only, which ends below
+        notifier = syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER,
+                           &program);
+        opened = pipe.open();
+    });
+    EXPECT_TRUE(WaitUntil([&] { return notifier != -2; }));
+    pollfd held{notifier, POLLIN, 0};  // bounded: a pipe that never connects must not hang us
+    seccomp_notif call{};
+    EXPECT_TRUE(poll(&held, 1, 30000) == 1 && (held.revents & POLLIN) &&
+                ioctl(notifier, SECCOMP_IOCTL_NOTIF_RECV, &call) == 0);
+    sockaddr_in listener{};  // connect's destination, read from the held thread
+    iovec to{&listener, sizeof(listener)}, from{(void*)call.data.args[1], sizeof(listener)};
+    EXPECT_EQ(16, process_vm_readv(getpid(), &to, 1, &from, 1, 0));
+    ComTcpClient intruder;
+    EXPECT_EQ(0, intruder.open_cn(nullptr, 0, &listener));
+    intruder.send("evil", 4);
+    seccomp_notif_resp resume{call.id, 0, 0, SECCOMP_USER_NOTIF_FLAG_CONTINUE};
+    EXPECT_EQ(0, ioctl(notifier, SECCOMP_IOCTL_NOTIF_SEND, &resume));
+    opener.join();
+    ASSERT_EQ(0, opened);
+    EXPECT_EQ(0, pipe.write("wake", 4));
+    EXPECT_EQ("wake", RecvExactly(pipe._sockets[0], 4));
+    EXPECT_EQ(0, intruder.close() + pipe.close() + close(notifier));
+    EXPECT_TRUE(before.Same());  // the intruder's connection was closed, not kept
 }
 
 TEST(ReactorThread, ServesHandlesOnItsThreadAndSleepsWithoutTimeout) {

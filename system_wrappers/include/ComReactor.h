@@ -5,6 +5,7 @@
 #include <sys/select.h>
 
 #include <atomic>
+#include <cstdint>
 #include <map>
 
 #include "ComEventQueue.h"
@@ -131,6 +132,9 @@ public:
     ComPipeNotify m_PipeNotify;
     std::atomic<bool> m_bStop;
     std::map<int, InScrNetElem> m_Handles;
+    // Monotonic time (ns) before which build_socket_set does not report
+    // descriptors beyond the fd_set again: once a second, not once a turn.
+    int64_t m_NextRangeTraceNs;
 };
 
 // A thread that runs one reactor, which it owns. Posting to it or scheduling

@@ -1,4 +1,11 @@
 // The loopback socket pair that wakes a reactor, and the handle that reads it.
+#include <errno.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+
 #include "ComReactor.h"
 #include "sw_trace.h"
 
@@ -11,11 +18,53 @@ const char kFile[] = "com_pipe";
 // The wake token: its content means nothing, one token is one wake-up.
 constexpr int kTokenSize = 4;
 
+// How long open waits for its own connection to reach the listener.
+constexpr std::chrono::seconds kAcceptBound(5);
+
 // Closes the temporary listener on every path out of ComPipe::open.
 struct ListenerGuard {
     ComTcpServer server;
     ~ListenerGuard() { server.close(); }
 };
+
+// Accepts the write end's own connection and closes any other: another local
+// process may connect to the temporary port first, and as the read end its
+// connection would lose every wake-up. -1 when ours is not there in time.
+int AcceptOwn(ComTcpServer& aListener, ComTcpClient& aWriteEnd) {
+    sockaddr_in own = {};
+    if (aWriteEnd.get_local_addr(own) != 0 || aListener.enable_nonblock() != 0) {
+        return -1;
+    }
+    const auto end = std::chrono::steady_clock::now() + kAcceptBound;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            end - std::chrono::steady_clock::now());
+        pollfd ready = {aListener.get_socket(), POLLIN, 0};
+        const int polled = left.count() > 0 ? ::poll(&ready, 1, static_cast<int>(left.count())) : 0;
+        if (polled == -1 && errno == EINTR) {
+            continue;
+        }
+        if (polled != 1) {
+            return -1;
+        }
+        const int accepted = aListener.accept();
+        if (accepted == -1) {
+            // A connection reset before it was taken leaves nothing to accept.
+            if (aListener.m_error == EAGAIN || aListener.m_error == ECONNABORTED) {
+                continue;
+            }
+            return -1;
+        }
+        sockaddr_in peer = {};
+        socklen_t length = sizeof(peer);
+        if (::getpeername(accepted, reinterpret_cast<sockaddr*>(&peer), &length) == 0 &&
+            peer.sin_family == own.sin_family && peer.sin_port == own.sin_port &&
+            peer.sin_addr.s_addr == own.sin_addr.s_addr) {
+            return accepted;
+        }
+        ::close(accepted);
+    }
+}
 
 }  // namespace
 
@@ -41,7 +90,7 @@ int ComPipe::open() {
         writeEnd.close();  // a failed connect still holds its descriptor
         return -1;
     }
-    const int accepted = listener.server.accept();
+    const int accepted = AcceptOwn(listener.server, writeEnd);
     if (accepted == -1) {
         SW_TRACE_ERROR("[COM]:open, accept failed, this=" << Addr(this));
         writeEnd.close();

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "ComReactor.h"
+#include "monotonic.h"
 #include "sw_trace.h"
 
 using sw::Addr;
@@ -22,6 +23,11 @@ constexpr int kMaxWatched = 1024;
 // else would write outside the set.
 bool FitsFdSet(int aHandle) {
     return aHandle >= 0 && aHandle < FD_SETSIZE;
+}
+
+bool WatchesAny(long aMask) {
+    return (aMask & (ComReactorBase::READ_MASK | ComReactorBase::READ_MASK_2 |
+                     ComReactorBase::WRITE_MASK)) != 0;
 }
 
 }  // namespace
@@ -69,7 +75,8 @@ ComNetReactor::InScrNetElem::InScrNetElem() : m_pHandler(nullptr), m_lMask(0) {}
 ComNetReactor::InScrNetElem::InScrNetElem(ComReactorBase* aHandler, long aMask)
     : m_pHandler(aHandler), m_lMask(aMask) {}
 
-ComNetReactor::ComNetReactor() : m_TimerQueue(nullptr), m_bStop(false) {
+ComNetReactor::ComNetReactor()
+    : m_TimerQueue(nullptr), m_bStop(false), m_NextRangeTraceNs(INT64_MIN) {
     m_PipeNotify.set_reactor(this);
     m_EventQueue.SetReactor(this);
 }
@@ -111,7 +118,13 @@ int ComNetReactor::register_handle(ComReactorBase* aHandler, long aMask) {
     if (!SW_ASSERT_LINE(__LINE__, aHandler != nullptr, "aHandler != NULL")) {
         return -1;
     }
-    m_Handles[aHandler->get_handle()] = InScrNetElem(aHandler, aMask);
+    const int handle = aHandler->get_handle();
+    if (WatchesAny(aMask) && !FitsFdSet(handle)) {
+        // Registered all the same; the loop only reminds of it once a second.
+        SW_TRACE_ERROR("[COM]:register_handle, handle out of fd_set range, handle="
+                       << handle << ", limit=" << FD_SETSIZE << ", this=" << Addr(this));
+    }
+    m_Handles[handle] = InScrNetElem(aHandler, aMask);
     return 0;
 }
 
@@ -231,8 +244,11 @@ int ComNetReactor::build_socket_set(fd_set& aReadSet, fd_set& aWriteSet, int& aM
         }
         ++count;
     }
-    if (outOfRange != 0) {
-        // One line per turn, however many there are.
+    // One line however many there are, and at most one a second while they
+    // stay registered: the loop may turn thousands of times a second.
+    const int64_t now = outOfRange != 0 ? webrtc::MonotonicNowNs() : 0;
+    if (outOfRange != 0 && now >= m_NextRangeTraceNs) {
+        m_NextRangeTraceNs = now + webrtc::kNsPerSecond;
         SW_TRACE_ERROR("[COM]:build_socket_set, handle out of fd_set range, handle="
                        << firstOutOfRange << ", skipped=" << outOfRange << ", limit=" << FD_SETSIZE
                        << ", this=" << Addr(this));
