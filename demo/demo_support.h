@@ -11,23 +11,10 @@
 
 #include <string>
 
+#include "demo_options.h"
 #include "system_wrappers.h"
 
 namespace demo {
-
-// What the command line chose.
-struct Options {
-    unsigned long connections = 4;
-    unsigned long messages = 10000;
-    unsigned long size = 1024;
-    unsigned long workers = 2;
-    unsigned long port = 0;
-    double duration = 0;
-    int logLevel = MTRACE_LEVEL_WARNING;  // 4: off
-    bool traceFiles = false;
-    std::string shmKey;
-    bool serve = false;
-};
 
 // Hands a demo line to the trace facility, which passes it to the host
 // callback like every line of the library.
@@ -49,6 +36,12 @@ inline void Log(MTRACE_LEVEL_TYPE aLevel, const CMyTextFormat& aText) {
 inline bool Writable(int aFd) {
     pollfd fd = {aFd, POLLOUT, 0};
     return poll(&fd, 1, 0) == 1 && (fd.revents & POLLOUT) != 0;
+}
+
+// True when a read (or an accept) on aFd would not block.
+inline bool Readable(int aFd) {
+    pollfd fd = {aFd, POLLIN, 0};
+    return poll(&fd, 1, 0) == 1 && (fd.revents & POLLIN) != 0;
 }
 
 inline void NoDelay(int aFd) {

@@ -1,6 +1,8 @@
 #include "echo_service.h"
 
 #include <errno.h>
+#include <sys/select.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -14,6 +16,13 @@ int EchoService::Open(unsigned short aPort) {
                                          << aPort << ", err=" << m_server.m_error);
         m_server.close();
         return COM_ERROR_FAILURE;
+    }
+    // The socket's own backlog of 5 drops most of a burst of connects, which
+    // then wait on SYN retries: listen again with the system's.
+    if (listen(m_server.get_socket(), SOMAXCONN) != 0) {
+        const int err = errno;
+        DEMO_LOG(MTRACE_LEVEL_WARNING,
+                 "[DEMO]:EchoService::Open, keeping the backlog of 5, err=" << err);
     }
     sockaddr_in local;
     if (m_server.get_local_addr(local) != 0 || m_server.enable_nonblock() != 0 ||
@@ -35,13 +44,25 @@ int EchoService::on_input() {
         delete session;
     }
     m_closed.clear();
-    const int fd = m_server.accept();
-    if (fd == -1) return 0;  // traced by the socket
-    ++m_accepted;
-    EchoSession* session = new EchoSession(*this, fd);
-    m_sessions.insert(session);
-    DEMO_LOG(MTRACE_LEVEL_INFO,
-             "[DEMO]:EchoService, accepted, fd=" << fd << ", session=" << session);
+    // Everything that is waiting, not one per turn. Readability is checked
+    // first: the socket traces an accept that would block as a failure.
+    while (Readable(m_server.get_socket())) {
+        const int fd = m_server.accept();
+        if (fd == -1) return 0;  // traced by the socket
+        if (fd >= FD_SETSIZE) {
+            // The reactor's select() cannot watch it: the client would wait forever.
+            DEMO_LOG(MTRACE_LEVEL_WARNING,
+                     "[DEMO]:EchoService, refused, fd=" << fd << ", beyond the reactor's limit of "
+                                                        << FD_SETSIZE << " descriptors");
+            close(fd);
+            continue;
+        }
+        ++m_accepted;
+        EchoSession* session = new EchoSession(*this, fd);
+        m_sessions.insert(session);
+        DEMO_LOG(MTRACE_LEVEL_INFO,
+                 "[DEMO]:EchoService, accepted, fd=" << fd << ", session=" << session);
+    }
     return 0;
 }
 

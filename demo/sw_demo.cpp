@@ -2,25 +2,24 @@
 // headers only. A reactor thread serves TCP echo on 127.0.0.1 (echo_service);
 // client connections on a second reactor thread send messages that worker
 // task threads build and check byte by byte (echo_clients). This file holds
-// the command line, the host log callback and the start and shutdown order.
+// main: the host log callback and the start and shutdown order (the command
+// line is read by demo_options).
 // Trace lines go to standard error (and optionally the rotating trace files)
 // and into the shared-memory log channel that sw_shmlog reads.
 //
 // Exit codes: 0 every echo matched, 1 the run failed, 2 bad command line.
-#include <errno.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <string>
 #include <vector>
 
+#include "demo_options.h"
 #include "demo_support.h"
 #include "echo_clients.h"
 #include "echo_service.h"
@@ -30,130 +29,11 @@ namespace {
 
 using namespace demo;
 
-const char kUsage[] =
-    "usage: sw_demo [options]\n"
-    "\n"
-    "Runs a TCP echo service and clients on library threads, checks every echoed\n"
-    "byte and prints a summary. Exit code 0 when every echo matched.\n"
-    "\n"
-    "  --connections N   client connections (default 4, at most 500)\n"
-    "  --messages N      messages per connection (default 10000)\n"
-    "  --size BYTES      bytes per message (default 1024, at most 16777216)\n"
-    "  --workers N       worker task threads that build and check messages (default 2)\n"
-    "  --port N          port of the echo service (default 0: the system picks)\n"
-    "  --duration SEC    send for SEC seconds instead of a fixed message count;\n"
-    "                    with --serve, stop serving after SEC seconds\n"
-    "  --log LEVEL       trace lines on standard error from LEVEL up:\n"
-    "                    debug, info, warning (default), error or off\n"
-    "  --trace-files     also write every trace line, whatever --log says, to\n"
-    "                    zemtrace_linux_0.log and zemtrace_linux_1.log in the\n"
-    "                    working directory\n"
-    "  --shm-key PATH    key file of the shared-memory log channel\n"
-    "                    (default /tmp/orvanite_sharedmem)\n"
-    "  --serve           only serve echo until SIGINT or SIGTERM\n"
-    "  --help            show this text\n";
-
-bool ParseCount(const char* aText, unsigned long aMin, unsigned long aMax, unsigned long& aOut) {
-    if (!aText || *aText < '0' || *aText > '9') return false;
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long long value = strtoull(aText, &end, 10);
-    if (errno != 0 || *end != '\0' || value < aMin || value > aMax) return false;
-    aOut = static_cast<unsigned long>(value);
-    return true;
-}
-
-// 0: run, 1: help printed, 2: bad command line (aError says why).
-int ParseOptions(int aArgc, char** aArgv, Options& aOptions, std::string& aError) {
-    for (int i = 1; i < aArgc; ++i) {
-        std::string name = aArgv[i];
-        const char* value = nullptr;
-        const size_t equals = name.find('=');
-        if (name.compare(0, 2, "--") == 0 && equals != std::string::npos) {
-            value = aArgv[i] + equals + 1;
-            name.resize(equals);
-        }
-        if (name == "--help" || name == "-h") return 1;
-        if (name == "--trace-files" || name == "--serve") {
-            if (value) {
-                aError = name + " takes no value";
-                return 2;
-            }
-            (name == "--serve" ? aOptions.serve : aOptions.traceFiles) = true;
-            continue;
-        }
-        struct Numeric {
-            const char* name;
-            unsigned long min;
-            unsigned long max;
-            unsigned long* out;
-        };
-        const Numeric numerics[] = {
-            {"--connections", 1, 500, &aOptions.connections},
-            {"--messages", 1, 1000000000, &aOptions.messages},
-            {"--size", 1, 16 * 1024 * 1024, &aOptions.size},
-            {"--workers", 1, 64, &aOptions.workers},
-            {"--port", 0, 65535, &aOptions.port},
-        };
-        const Numeric* numeric = nullptr;
-        for (const Numeric& candidate : numerics) {
-            if (name == candidate.name) numeric = &candidate;
-        }
-        const bool known =
-            numeric || name == "--duration" || name == "--log" || name == "--shm-key";
-        if (!known) {
-            aError = "unknown option '" + name + "'";
-            return 2;
-        }
-        if (!value) {
-            if (i + 1 >= aArgc) {
-                aError = name + " needs a value";
-                return 2;
-            }
-            value = aArgv[++i];
-        }
-        if (numeric) {
-            if (!ParseCount(value, numeric->min, numeric->max, *numeric->out)) {
-                aError = name + " takes a whole number from " + std::to_string(numeric->min) +
-                         " to " + std::to_string(numeric->max) + ", not '" + value + "'";
-                return 2;
-            }
-        } else if (name == "--duration") {
-            char* end = nullptr;
-            const double seconds = strtod(value, &end);
-            if (end == value || *end != '\0' || !std::isfinite(seconds) || seconds <= 0 ||
-                seconds > 31536000) {
-                aError = "--duration takes a positive number of seconds, not '" +
-                         std::string(value) + "'";
-                return 2;
-            }
-            aOptions.duration = seconds;
-        } else if (name == "--log") {
-            const char* const levels[] = {"debug", "info", "warning", "error", "off"};
-            int level = -1;
-            for (int k = 0; k < 5; ++k) {
-                if (strcmp(value, levels[k]) == 0) level = k;
-            }
-            if (level < 0) {
-                aError = "--log takes debug, info, warning, error or off, not '" +
-                         std::string(value) + "'";
-                return 2;
-            }
-            aOptions.logLevel = level;
-        } else {
-            if (*value == '\0') {
-                aError = "--shm-key needs a path";
-                return 2;
-            }
-            aOptions.shmKey = value;
-        }
-    }
-    return 0;
-}
-
 // ---------------------------------------------------------------------------
 // Logging: every trace line of the library and of the demo reaches OnLog.
 
+// The command line reads --log as these trace levels (and off as 4).
+static_assert(MTRACE_LEVEL_DEBUG == 0 && MTRACE_LEVEL_WARNING == 2 && MTRACE_LEVEL_ERROR == 3);
 std::atomic<int> gStderrLevel{MTRACE_LEVEL_WARNING};
 std::atomic<bool> gFileTrace{false};
 // Set before the first thread starts and cleared after the last one is gone.
@@ -405,12 +285,12 @@ int RunClients(const Options& aOptions) {
 int main(int aArgc, char** aArgv) {
     Options options;
     std::string error;
-    const int parsed = ParseOptions(aArgc, aArgv, options, error);
-    if (parsed == 1) {
+    const ParseResult parsed = ParseOptions(aArgc, aArgv, options, error);
+    if (parsed == ParseResult::kHelp) {
         fputs(kUsage, stdout);
         return 0;
     }
-    if (parsed == 2) {
+    if (parsed == ParseResult::kError) {
         fprintf(stderr, "sw_demo: %s\nrun 'sw_demo --help' for the options\n", error.c_str());
         return 2;
     }

@@ -1,0 +1,39 @@
+// The demo's command line: what it chose and how it is read. Reading never
+// prints, exits or throws, so anything may be handed to it (main prints and
+// exits; a fuzz target just calls it).
+#ifndef SW_DEMO_DEMO_OPTIONS_H_
+#define SW_DEMO_DEMO_OPTIONS_H_
+
+#include <string>
+
+namespace demo {
+
+// What the command line chose; a field keeps its default unless given.
+struct Options {
+    unsigned long connections = 4;   // 1 to 500
+    unsigned long messages = 10000;  // 1 to 1000000000
+    unsigned long size = 1024;       // 1 to 16777216
+    unsigned long workers = 2;       // 1 to 64
+    unsigned long port = 0;          // 0 to 65535, 0: the system picks
+    double duration = 0;             // 0: not given, else seconds in (0, 31536000]
+    int logLevel = 2;                // trace level: debug 0 to error 3, 4: off
+    bool traceFiles = false;
+    std::string shmKey;  // empty: not given (a given one is never empty)
+    bool serve = false;
+};
+
+enum class ParseResult { kRun, kHelp, kError };
+
+// Reads aArgv[1] to aArgv[aArgc - 1] (aArgv[0], the program's name, is not
+// read; a null entry ends the list early) into aOptions, left to right.
+// kHelp: --help or -h came before any mistake; kError: aError says what was
+// wrong (the first mistake); kRun: run with aOptions.
+ParseResult ParseOptions(int aArgc, const char* const* aArgv, Options& aOptions,
+                         std::string& aError);
+
+// What --help prints.
+extern const char kUsage[];
+
+}  // namespace demo
+
+#endif  // SW_DEMO_DEMO_OPTIONS_H_
