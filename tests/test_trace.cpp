@@ -1,4 +1,3 @@
-#include <limits.h>
 #include <sys/syscall.h>
 #include <regex>
 
@@ -20,36 +19,8 @@ bool IsLine(const std::string& aLine, const std::string& aText) {
                             std::regex(std::string("^") + kTracePrefixPattern + aText + "\n$"));
 }
 
-// All a format holds, its terminating zero included when the text was cut.
-std::string Content(const CMyTextFormat& aFormat) {
-    unsigned int length = 0;
-    const char* text = aFormat.GetContent(length);
-    return std::string(text, length);
-}
-
-TEST(CMyTextFormat, OperandFormatsAndTheCapacity) {
-    CMyTextFormat f;
-    f << ' ' << 'A' << '~' << static_cast<char>(10) << '|' << static_cast<char>(-56) << "|txt|"
-      << -42 << '|' << static_cast<unsigned short>(65535) << '|' << 4294967295u << '|' << -7L << '|'
-      << 18446744073709551615UL << '|' << -9LL << '|' << 9ULL << '|' << 1.5 << '|'
-      << static_cast<const void*>(nullptr) << '|' << static_cast<const char*>(nullptr);
-    EXPECT_EQ(
-        " A~10|-56|txt|-42|65535|4294967295|-7|18446744073709551615|-9|9|1.500000|(nil)|(nil)",
-        Content(f));
-
-    // Whatever the operand, the characters and the cut are what snprintf makes.
-    const void* pointer = &f;
-    char expected[64];
-    snprintf(expected, sizeof(expected), "%p|%ld|%lld", pointer, LONG_MIN, LLONG_MIN);
-    EXPECT_EQ(expected, Content(CMyTextFormat() << pointer << '|' << LONG_MIN << '|' << LLONG_MIN));
-    // What does not fit is cut, the format is then full and takes nothing more.
-    EXPECT_EQ(std::string(1000, 'a') + std::string(23, 'b') + '\0',
-              Content(CMyTextFormat() << std::string(1000, 'a').c_str()
-                                      << std::string(30, 'b').c_str() << "ignored" << 12345));
-    EXPECT_EQ(std::string(1020, 'a') + "123" + '\0',
-              Content(CMyTextFormat() << std::string(1020, 'a').c_str() << 1234567));
-}
-
+// The text builder and the line's cut are checked against printf by
+// fuzz/fuzz_trace_text.cpp, whose corpus the suite replays.
 TEST(CMyTrace, LineShapeLevelLettersAndCallbackArguments) {
     TraceCapture capture;
     const int levels[] = {0, 1, 2, 3, 7};
