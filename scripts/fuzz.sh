@@ -19,13 +19,12 @@ source "$root/scripts/deps.sh"
 sw_install_packages "${SW_BUILD_PACKAGES[@]}" clang-14 libclang-rt-14-dev
 
 cd "$root"
-cmake --preset fuzz >/dev/null
-cmake --build --preset fuzz
-
 targets=("$@")
 if ((${#targets[@]} == 0)); then
     for dir in fuzz/corpus/*/; do targets+=("$(basename "$dir")"); done
 fi
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz --target "${targets[@]}"
 
 out="$root/build/fuzz"
 mkdir -p "$out/artifacts"

@@ -112,7 +112,11 @@ int FileWrapperImpl::Read(void* aBuf, int aLength) {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_file || !aBuf || aLength < 0) return -1;
     const size_t wanted = static_cast<size_t>(aLength);
+    // A stream that is also written may not turn between writing and reading
+    // without a flush or a seek: glibc would drop the bytes still buffered.
+    if (!m_readOnly) fflush(m_file);
     const size_t got = fread(aBuf, 1, wanted, m_file);
+    if (!m_readOnly) fseek(m_file, 0, SEEK_CUR);  // so that a write may follow
     if (got < wanted && ferror(m_file)) {
         clearerr(m_file);
         return -1;
