@@ -31,7 +31,7 @@ std::string Printf(const char* aFormat, T aValue) {
 // Appends one value of a type the input picks; returns what printf makes of it.
 std::string AppendOne(FuzzInput& aIn, CMyTextFormat& aText) {
     const uint64_t bits = static_cast<uint64_t>(aIn.U32()) << 32 | aIn.U32();
-    switch (aIn.Below(11)) {
+    switch (aIn.Below(12)) {
         case 0: {
             const char value = static_cast<char>(bits);
             aText << value;
@@ -67,17 +67,17 @@ std::string AppendOne(FuzzInput& aIn, CMyTextFormat& aText) {
         case 9:
             aText << static_cast<unsigned long long>(bits);
             return Printf("%llu", bits);
+        case 10: {
+            const void* value = reinterpret_cast<const void*>(bits);
+            aText << value;
+            return Printf("%p", value);
+        }
         default: {
             double value;
             memcpy(&value, &bits, sizeof(value));
             if (aIn.Byte() & 1) value = static_cast<double>(static_cast<int64_t>(bits)) / 1e6;
             aText << value;
             return Printf("%f", value);
-        }
-        case 10: {
-            const void* value = reinterpret_cast<const void*>(bits);
-            aText << value;
-            return Printf("%p", value);
         }
     }
 }

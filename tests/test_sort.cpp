@@ -16,8 +16,6 @@ TEST(Sort, RefusalsLeaveTheArraysAlone) {
     EXPECT_EQ(-1, KeySort(nullptr, v, 4, 1, TYPE_UWord32));
     EXPECT_EQ(-1, KeySort(v, nullptr, 4, 1, TYPE_UWord32));
     EXPECT_EQ(-1, KeySort(v, v, 0, 1, TYPE_UWord32));
-    EXPECT_EQ(-1, KeySort(v, v, 4, 0, TYPE_UWord32));
-    EXPECT_EQ(-1, KeySort(v, v, 2, 0x80000000u, TYPE_UWord32));  // 4 GiB of data
     EXPECT_EQ(-1, KeySort(v, v, 4, 1, static_cast<Type>(-1)));
     EXPECT_EQ(3u, v[0]);
 }

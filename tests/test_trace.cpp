@@ -19,39 +19,25 @@ bool IsLine(const std::string& aLine, const std::string& aText) {
                             std::regex(std::string("^") + kTracePrefixPattern + aText + "\n$"));
 }
 
-// The text builder and the line's cut are checked against printf by
-// fuzz/fuzz_trace_text.cpp, whose corpus the suite replays.
-TEST(CMyTrace, LineShapeLevelLettersAndCallbackArguments) {
+// The text builder, level letters, the line's shape and its cut are checked
+// against printf by fuzz/fuzz_trace_text.cpp, whose corpus the suite replays.
+TEST(CMyTrace, ThreadIdsPrefixCutUptimeAndNoLevelFilter) {
     TraceCapture capture;
-    const int levels[] = {0, 1, 2, 3, 7};
-    for (int level : levels) Write(MTRACE_OUTPUT_CALLBACK, level, "hello");
+    CMyTrace_::UpdateOutputSysLogLevel(3);  // no effect: nothing is filtered by level
+    Write(MTRACE_OUTPUT_CALLBACK, 0, "hello");
     std::string otherTid;
     std::thread([&] {
         otherTid = std::to_string(syscall(SYS_gettid));
         Write(MTRACE_OUTPUT_CALLBACK, 1, "other thread");
     }).join();
-
-    // Exactly the given length is taken; a long text is cut at the line limit.
-    CMyTrace_::Write(MTRACE_OUTPUT_CALLBACK, MTRACE_LEVEL_INFO, "abcdef", 3);
-    Write(MTRACE_OUTPUT_CALLBACK, 1, "");
-    Write(MTRACE_OUTPUT_CALLBACK, 1, std::string(600, 'x'));
-    CMyTrace_::UpdateOutputSysLogLevel(3);  // no effect: nothing is filtered by level
-    Write(MTRACE_OUTPUT_CALLBACK, 0, "debug");
     CMyTrace_::SetLogCallback(nullptr);
     Write(MTRACE_OUTPUT_CALLBACK, 1, "lost");
 
     std::vector<CapturedLine> lines = capture.Lines();
-    ASSERT_EQ(10u, lines.size());
+    ASSERT_EQ(2u, lines.size());
     const std::string ids = std::to_string(getpid()) + ":" + std::to_string(syscall(SYS_gettid));
-    for (size_t i = 0; i < 5; ++i) {
-        EXPECT_EQ(7, lines[i].tag);
-        EXPECT_EQ("%s", lines[i].format);
-        EXPECT_EQ(levels[i], lines[i].level);
-        std::string shape =
-            std::string("^\\[") + "DIWEE"[i] + ":ENG\\+" + ids + R"(\] [0-9]+\.[0-9]{6} hello\n$)";
-        EXPECT_TRUE(std::regex_match(lines[i].line, std::regex(shape))) << lines[i].line;
-    }
-    EXPECT_NE(std::string::npos, lines[5].line.find(":" + otherTid + "] "));
+    EXPECT_EQ(0u, lines[0].line.find("[D:ENG+" + ids + "] ")) << lines[0].line;
+    EXPECT_NE(std::string::npos, lines[1].line.find(":" + otherTid + "] "));
     // A forked child stamps its own thread id, not the parent's.
     const pid_t child = fork();
     if (child == 0) {
@@ -67,11 +53,7 @@ TEST(CMyTrace, LineShapeLevelLettersAndCallbackArguments) {
     const unsigned int full =
         CMyTraceImpl_::s_LogInstance.load()->GetTracePrefix(1, cut, sizeof(cut));
     EXPECT_EQ("[I:ENG+", std::string(cut));
-    const std::string& info = lines[1].line;
-    EXPECT_EQ(info.find(' ', info.find("] ") + 2) + 1, full);
-    const char* const texts[] = {"abc", "", "x+", "debug"};  // lines 6 to 9
-    for (int i = 0; i < 4; ++i) EXPECT_TRUE(IsLine(lines[6 + i].line, texts[i])) << i;
-    EXPECT_EQ(513u, lines[8].line.size());  // 512 with the prefix, then the newline
+    EXPECT_EQ(lines[0].line.size() - strlen("hello\n"), full);
 
     // Uptime from the monotonic clock, not the wall clock.
     timespec now;
