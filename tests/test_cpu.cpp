@@ -1,6 +1,4 @@
 // Processor load, core count, host facts and feature tests.
-#include <sched.h>
-#include <stdio.h>
 #include <tuple>
 
 #include "test_support.h"
@@ -20,18 +18,23 @@ void PutStat(const std::string& aPath, unsigned long long aUser0, unsigned long 
                          << "cpu1 " << aUser1 << " 9999 0 400 0 0 0 0 0 0\nintr 1 2 3\n";
 }
 
-TEST_F(CpuWrapperTest, FiguresHoldForHalfASecondThenFollowBusyTicks) {
+TEST_F(CpuWrapperTest, InertWithoutASourceThenFiguresFollowBusyTicks) {
+    unsigned int cores = 7;
+    unsigned int* usage = nullptr;
+    CpuWrapperLinux inert("/nonexistent/stat");
+    EXPECT_EQ(-1, inert.CpuUsageMultiCore(cores, usage));
+    EXPECT_EQ(7u, cores);
+    // By default it reads this host's statistics: one entry per online core.
+    std::unique_ptr<webrtc::CpuWrapper> host(webrtc::CpuWrapper::CreateCpu());
+    EXPECT_EQ(static_cast<unsigned int>(sysconf(_SC_NPROCESSORS_ONLN)),
+              static_cast<CpuWrapperLinux*>(host.get())->m_coreCount);
+
     PutStat(m_path, 100, 100, 100);
     CpuWrapperLinux cpu(m_path.c_str());
-    ASSERT_EQ(2u, cpu.m_coreCount);
-
     // New ticks inside 500 ms change nothing.
     PutStat(m_path, 5100, 2100, 100);
-    unsigned int cores = 0;
-    unsigned int* usage = nullptr;
     EXPECT_EQ(0, cpu.CpuUsageMultiCore(cores, usage));
-    EXPECT_EQ(2u, cores);
-    EXPECT_EQ(cpu.m_coreUsage, usage);
+    ASSERT_EQ(2u, cores);
     EXPECT_EQ(0u, usage[0] + usage[1]);
 
     // 100 s later: 7000 busy ticks (user + system, nice excluded) are 70 %.
@@ -42,60 +45,22 @@ TEST_F(CpuWrapperTest, FiguresHoldForHalfASecondThenFollowBusyTicks) {
     EXPECT_EQ(static_cast<int>((usage[0] + usage[1]) / 2), average);
     PutStat(m_path, 9100, 9100, 9100);
     EXPECT_EQ(average, cpu.CpuUsage());
-    EXPECT_NEAR(70, usage[0], 1);
 
-    // A failed measurement keeps the last figures.
+    // Half a second on it measures again; a failed measurement keeps the last figures.
     std::ofstream(m_path) << "cpu0 garbage\n";
-    cpu.m_lastUpdateMs -= 100000;
+    cpu.m_lastUpdateMs -= 500;
     EXPECT_EQ(-1, cpu.CpuUsage());
     EXPECT_NEAR(70, usage[0], 1);
     EXPECT_EQ(-1, cpu.CpuUsage(nullptr, 0u));
     EXPECT_EQ(-1, cpu.CpuUsage(1u));
 }
 
-TEST(CpuWrapper, InertWithoutASourceAndInRangeOnThisHost) {
-    CpuWrapperLinux inert("/nonexistent/stat");
-    unsigned int cores = 7;
-    unsigned int* usage = nullptr;
-    EXPECT_EQ(0u, inert.m_coreCount);
-    EXPECT_EQ(-1, inert.CpuUsage());
-    EXPECT_EQ(-1, inert.CpuUsageMultiCore(cores, usage));
-    EXPECT_EQ(7u, cores);
-
-    webrtc::CpuWrapper* cpu = webrtc::CpuWrapper::CreateCpu();
-    ASSERT_NE(nullptr, cpu);
-    EXPECT_EQ(static_cast<unsigned int>(sysconf(_SC_NPROCESSORS_ONLN)),
-              static_cast<CpuWrapperLinux*>(cpu)->m_coreCount);
-    // One core is kept busy by a pinned thread while the others idle.
-    int busyCore = sched_getcpu();
-    std::atomic<bool> stop{false};
-    std::thread spinner([&] {
-        cpu_set_t set;
-        CPU_ZERO(&set);
-        CPU_SET(busyCore, &set);
-        sched_setaffinity(0, sizeof(set), &set);
-        while (!stop.load(std::memory_order_relaxed)) {
-        }
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(700));
-    const int average = cpu->CpuUsageMultiCore(cores, usage);
-    stop = true;
-    spinner.join();
-    ASSERT_GE(average, 0);
-    ASSERT_EQ(sysconf(_SC_NPROCESSORS_ONLN), cores);
-    for (unsigned int i = 0; i < cores; ++i) EXPECT_LE(usage[i], 150u) << "core " << i;
-    EXPECT_GT(usage[busyCore], 0u);
-    delete cpu;
-}
-
-TEST(ComCpuInfo, CachedCountAndFactsTheHostStored) {
+TEST(ComCpuInfo, CachedCountFactsTheHostStoredAndFeatureTests) {
     EXPECT_EQ(sysconf(_SC_NPROCESSORS_ONLN), ComCpuInfo::GetCpuCoreNums());
-    ComCpuInfo::_nums_cores = 3;
+    ComCpuInfo::_nums_cores = 3;  // the count is cached, not asked again
     EXPECT_EQ(3, ComCpuInfo::GetCpuCoreNums());
-    ComCpuInfo::_nums_cores = 0;
 
-    // Nothing is known until the host stores it; facts are copied out only
-    // in pairs that are both known.
+    // Unknown until the host stores them; facts are copied out only in pairs both known.
     EXPECT_EQ(0ul, ComCpuInfo::GetRawMemory());
     unsigned long max = 11, min = 22;
     auto category = static_cast<webrtc::COM_CPUHW_CATEGORY>(5);
@@ -112,9 +77,7 @@ TEST(ComCpuInfo, CachedCountAndFactsTheHostStored) {
     EXPECT_EQ(std::make_tuple(3000ul, 800ul, 1, 2), std::make_tuple(max, min, +category, +arch));
     ComCpuInfo::_ram_capability = 4096;
     EXPECT_EQ(4096ul, ComCpuInfo::GetRawMemory());
-}
 
-TEST(CpuFeatures, OnlyFeaturesZeroAndOneCanAnswerOne) {
     for (int feature : {-1, 2, 3, 1000}) {
         EXPECT_EQ(0, WebRtc_GetCPUInfo(static_cast<webrtc::CPUFeature>(feature)));
     }

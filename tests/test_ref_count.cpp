@@ -19,7 +19,6 @@ TYPED_TEST(RefCountPolicy, CountsAndSmartPointerDestroyExactlyOnce) {
     using T = Counted<TypeParam>;
     int destroyedA = 0, destroyedB = 0;
     T* a = new T(&destroyedA);
-    EXPECT_EQ(0, a->GetReferCount());
     EXPECT_EQ(1, a->AddReferCount());
     {
         CRefCountAutoPtr<T> p(a);  // 2
@@ -27,30 +26,25 @@ TYPED_TEST(RefCountPolicy, CountsAndSmartPointerDestroyExactlyOnce) {
         EXPECT_EQ(2, a->GetReferCount());
         EXPECT_EQ(1, a->ReleaseReferCount());
 
-        T* b = new T(&destroyedB);
-        CRefCountAutoPtr<T> q(b);
+        CRefCountAutoPtr<T> q(new T(&destroyedB));
         CRefCountAutoPtr<T> copy(q);  // a copy is one more owner
-        EXPECT_EQ(2, b->GetReferCount());
+        EXPECT_EQ(2, q->GetReferCount());
         q = p;
         EXPECT_EQ(2, a->GetReferCount());
-        copy = nullptr;  // the last owner of b lets go
+        copy = nullptr;  // the last owner of the second object lets go
         EXPECT_EQ(1, destroyedB);
         EXPECT_EQ(0, destroyedA);
     }
     EXPECT_EQ(1, destroyedA);
 
-    // The new object is reachable only through the old one, so it must gain its
-    // reference before the old one goes (ASan would catch the wrong order).
+    // The new object lives only through the old one: it must gain its reference first.
     int destroyedOuter = 0, destroyedInner = 0;
-    T* outer = new T(&destroyedOuter);
-    T* inner = new T(&destroyedInner);
-    outer->inner = inner;
-    CRefCountAutoPtr<T> p(outer);
-    p = inner;
+    CRefCountAutoPtr<T> p(new T(&destroyedOuter));
+    p->inner = new T(&destroyedInner);
+    p = p->inner;
     EXPECT_EQ(1, destroyedOuter);
-    EXPECT_EQ(1, inner->GetReferCount());
-    CRefCountAutoPtr<T> none;
-    p = none;
+    EXPECT_EQ(1, p->GetReferCount());
+    p = nullptr;
     EXPECT_EQ(1, destroyedInner);
     EXPECT_EQ(nullptr, p.GetPtr());
 
@@ -73,8 +67,7 @@ TEST(RefCount, SharedCounterReachesZeroOnceAcrossThreads) {
             q = p;
         }
     });
-    EXPECT_EQ(1, obj->GetReferCount());
-    EXPECT_EQ(0, obj->ReleaseReferCount());
+    EXPECT_EQ(0, obj->ReleaseReferCount());  // only the first reference is left
     EXPECT_EQ(1, destroyed);
 }
 

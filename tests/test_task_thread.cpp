@@ -80,76 +80,63 @@ TEST(BaseThread, StartHandshakeJoinRulesAndRetryAfterFailedStart) {
     if (first == COM_OK) GTEST_SKIP() << "this runtime ignores the default stack size: no retry";
 }
 
-// Returns once the thread's loop is inside an event that waits for aGate.
-void HoldLoop(ComTaskThread* aThread, EventLedger& aLedger, Gate& aGate) {
-    Gate started;
-    ASSERT_EQ(COM_OK, aThread->PostEvent(new LedgerEvent(aLedger, 0, "", 0, [&] {
-        started.Open();
-        aGate.Wait();
-    })));
-    ASSERT_TRUE(started.Wait());
-}
-
 TEST(ComTaskThread, BatchesOfFiveTimersAndStop) {
     TraceCapture trace;
     ComTaskThread* thread = new ComTaskThread;
-    RecordingHandler none;
-    EXPECT_EQ(COM_ERROR_FAILURE, thread->CancelTimer(&none));  // no timer queue before the start
+    EventLedger ledger(8);
+    RecordingHandler timer(&ledger);
+    EXPECT_EQ(COM_ERROR_FAILURE, thread->CancelTimer(&timer));  // no timer queue before the start
     EXPECT_TRUE(trace.Traced(kError, "ComTaskThread::CancelTimer, timequeue=null" + This(thread)));
     ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
     EXPECT_TRUE(trace.WaitTraced(kInfo, "ComTaskThread::OnThreadRun, Begin." + This(thread)));
 
-    EventLedger ledger(8);
-    RecordingHandler timer(&ledger);
-    Gate gate;
-    HoldLoop(thread, ledger, gate);
-    // e1 sends to itself (run at once, ahead of the queue) and adds a timer due next check.
-    ASSERT_EQ(COM_OK, thread->PostEvent(new LedgerEvent(ledger, 1, "e1", 0, [&] {
-        EXPECT_EQ(42, thread->SendEvent(new LedgerEvent(ledger, 7, "send", 42)));
-        thread->ScheduleTimer(&timer, nullptr, ComTimeValueType(0, 0), 1);
+    // Queued while the loop is busy, so all of them wait for the passes after it.
+    // 1 sends to itself (run at once, ahead of the queue) and adds a timer due next check.
+    ASSERT_EQ(COM_OK, thread->PostEvent(new FnEvent([&] {
+        EXPECT_EQ(COM_OK, thread->PostEvent(new LedgerEvent(ledger, 1, "1", 0, [&] {
+            EXPECT_EQ(42, thread->SendEvent(new LedgerEvent(ledger, 7, "send", 42)));
+            thread->ScheduleTimer(&timer, nullptr, ComTimeValueType(0, 0), 1);
+        })));
+        for (size_t i = 2; i <= 6; ++i)
+            EXPECT_EQ(COM_OK, thread->PostEvent(new LedgerEvent(ledger, i, std::to_string(i))));
     })));
-    for (size_t i = 2; i <= 6; ++i)
-        ASSERT_EQ(COM_OK, thread->PostEvent(new LedgerEvent(ledger, i, "e" + std::to_string(i))));
-    gate.Open();
-    ASSERT_TRUE(WaitUntil([&] { return ledger.m_totalDestroyed.load() == 8; }));
-    EXPECT_EQ((std::vector<std::string>{"e1", "send", "e2", "e3", "e4", "e5", "T", "e6"}),
+    ASSERT_TRUE(WaitUntil([&] { return ledger.m_totalDestroyed.load() == 7; }));
+    EXPECT_EQ((std::vector<std::string>{"1", "send", "2", "3", "4", "5", "T", "6"}),
               ledger.Order());
 
-    // A periodic timer scheduled from here fires on the thread once it wakes for an event.
+    // A periodic timer scheduled from here fires once the loop wakes for an event:
+    // from then on the loop waits no longer than the timer's next due time.
     ASSERT_EQ(COM_OK, thread->ScheduleTimer(&timer, nullptr, ComTimeValueType(0, 2000), 3));
     thread->PostEvent(new LedgerEvent(ledger, 0));
     ASSERT_TRUE(WaitUntil([&] { return timer.m_fired.load() == 4; }));
-    EXPECT_TRUE(pthread_equal(thread->GetThreadId(), timer.m_firedOn));
 
-    // Stopping while the loop is held inside an event.
-    EventLedger stopped(9);
+    // Stopping from inside an event: the queue closes at once, the loop ends only
+    // when the stop event runs.
+    EventLedger stopped(8);
     ASSERT_EQ(COM_OK, thread->ScheduleTimer(&timer, nullptr, ComTimeValueType(3600, 0), 1));
-    Gate hold;
-    HoldLoop(thread, stopped, hold);
-    ASSERT_EQ(COM_OK, thread->PostEvent(new StopThreadEvent(thread)));
-    for (size_t i = 1; i <= 6; ++i)
-        ASSERT_EQ(COM_OK, thread->PostEvent(new LedgerEvent(stopped, i)));
-    ComTimeValueType timeout(1, 0);
-    EXPECT_EQ(0, thread->Stop(&timeout));
-    EXPECT_TRUE(trace.Traced(kInfo, "ComTaskThread::Stop" + This(thread)));
-    // No stop event has run yet: the closed queue refuses and destroys.
-    EXPECT_EQ(COM_ERROR_FAILURE, thread->PostEvent(new LedgerEvent(stopped, 7)));
-    EXPECT_EQ(1, stopped.Destroyed(7));
-    EXPECT_TRUE(trace.Traced(kError, "ComTaskThread::PostEvent, failed" + This(thread)));
-    hold.Open();
+    ASSERT_EQ(COM_OK, thread->PostEvent(new FnEvent([&] {
+        EXPECT_EQ(COM_OK, thread->PostEvent(new StopThreadEvent(thread)));
+        for (size_t i = 1; i <= 6; ++i)
+            EXPECT_EQ(COM_OK, thread->PostEvent(new LedgerEvent(stopped, i)));
+        EXPECT_EQ(0, thread->Stop(nullptr));
+        // No stop event has run yet: the closed queue refuses and destroys.
+        EXPECT_EQ(COM_ERROR_FAILURE, thread->PostEvent(new LedgerEvent(stopped, 7)));
+    })));
     ASSERT_EQ(COM_OK, thread->Join());
+    EXPECT_TRUE(trace.Traced(kInfo, "ComTaskThread::Stop" + This(thread)));
+    EXPECT_TRUE(trace.Traced(kError, "ComTaskThread::PostEvent, failed" + This(thread)));
     EXPECT_TRUE(trace.Traced(kInfo, "ComTaskThread::OnThreadRun, End." + This(thread)));
     // The pass that ran the first stop event took four more; the rest were discarded.
-    for (size_t i = 1; i <= 6; ++i) {
+    for (size_t i = 1; i <= 7; ++i) {
         EXPECT_EQ(i <= 4 ? 1 : 0, stopped.Fired(i)) << i;
         EXPECT_EQ(1, stopped.Destroyed(i)) << i;
     }
 
-    // Once it has run, the thread refuses first and the caller keeps the event.
-    LedgerEvent kept(stopped, 8);
+    // Once it has run, the thread refuses first and the caller keeps the event
+    // (it lives on this stack: deleting it would crash).
+    LedgerEvent kept(stopped, 0);
     EXPECT_EQ(COM_ERROR_FAILURE, thread->PostEvent(&kept));
     EXPECT_EQ(COM_ERROR_FAILURE, thread->SendEvent(&kept));
-    EXPECT_EQ(0, stopped.Destroyed(8));
     EXPECT_TRUE(trace.Traced(kError, "ComTaskThread::PostEvent, stopped" + This(thread)));
     EXPECT_TRUE(trace.Traced(kError, "ComTaskThread::SendEvent, stopped" + This(thread)));
     EXPECT_EQ(COM_ERROR_FAILURE, thread->ScheduleTimer(&timer, nullptr, ComTimeValueType(1, 0), 1));
@@ -196,54 +183,45 @@ TEST(ComTaskThread, EveryEventEndsOnceUnderLoad) {
     }
 }
 
-// The client function of the user-thread tests.
-struct UserContext {
-    EventLedger* ledger = nullptr;
-    ComUserThread* thread = nullptr;
+// A user thread's function: the test's body, given the number of the call.
+struct UserBody {
+    std::function<bool(int)> body;
     std::atomic<int> calls{0};
-    std::atomic<int> waitResult{-1};
-    bool giveUp = false;
-    Gate firstCall;
-    Gate release;
 };
 
-bool UserFunction(void* aArg) {
-    UserContext* ctx = static_cast<UserContext*>(aArg);
-    const int call = ++ctx->calls;
-    if (ctx->giveUp) return false;
-    if (ctx->ledger && call <= 4) ctx->ledger->Record("F");
-    if (call == 1) {
-        ctx->firstCall.Open();
-        ctx->release.Wait();
-    }
-    ctx->waitResult = ctx->thread->WaitMills(ctx->ledger ? 1 : 10000);
-    return true;
+bool RunUserBody(void* aArg) {
+    UserBody* user = static_cast<UserBody*>(aArg);
+    return user->body(++user->calls);
 }
 
 TEST(ComUserThread, GivesUpSleepsFiresEventsOrEndsWithoutAFunction) {
     TraceCapture trace;
-    EventLedger ledger(14);
-    UserContext quitter, sleeper, queueing;
-    quitter.giveUp = true;
-    sleeper.release.Open();
-    queueing.ledger = &ledger;
-    ComUserThread* gaveUp = new ComUserThread(&quitter, &UserFunction);
-    ComUserThread* asleep = sleeper.thread = new ComUserThread(&sleeper, &UserFunction);
-    auto* withQueue = new ComUserThreadWidthEventQueue(&queueing, &UserFunction);
-    queueing.thread = withQueue;
+    EventLedger ledger(13);
+    ComUserThread* asleep = nullptr;
+    ComUserThreadWidthEventQueue* withQueue = nullptr;
+    std::atomic<int> waitResult{-1};
+    UserBody quitter{[](int) { return false; }};
+    UserBody sleeper{[&](int) { return waitResult = asleep->WaitMills(10000), true; }};
+    // The first call queues twelve events; up to five of them run after each call.
+    UserBody queueing{[&](int aCall) {
+        if (aCall <= 4) ledger.Record("F");
+        for (size_t i = 0; aCall == 1 && i < 12; ++i)
+            EXPECT_EQ(COM_OK, withQueue->PostEvent(new LedgerEvent(ledger, i, std::to_string(i))));
+        return withQueue->WaitMills(1), true;
+    }};
+    ComUserThread* gaveUp = new ComUserThread(&quitter, &RunUserBody);
+    asleep = new ComUserThread(&sleeper, &RunUserBody);
+    withQueue = new ComUserThreadWidthEventQueue(&queueing, &RunUserBody);
     ComUserThread* empty = new ComUserThread(nullptr, nullptr);
     ComUserThread* emptyQueue = new ComUserThreadWidthEventQueue(nullptr, nullptr);
-    EXPECT_EQ(nullptr, withQueue->GetEventQueue());  // reached only through its own post and send
 
-    // Not started yet: refused, and the caller keeps the event.
-    LedgerEvent early(ledger, 13);
+    // Not started yet: refused, and the caller keeps the event (deleting it would crash).
+    LedgerEvent early(ledger, 12);
     EXPECT_EQ(COM_ERROR_FAILURE, withQueue->PostEvent(&early));
     EXPECT_EQ(COM_ERROR_FAILURE, withQueue->SendEvent(&early));
-    EXPECT_EQ(0, ledger.Destroyed(13));
-    EXPECT_TRUE(
-        trace.Traced(kError, "ComUserThreadWidthEventQueue::PostEvent, stopped" + This(withQueue)));
-    EXPECT_TRUE(
-        trace.Traced(kError, "ComUserThreadWidthEventQueue::SendEvent, stopped" + This(withQueue)));
+    for (const char* text : {"ComUserThreadWidthEventQueue::PostEvent, stopped",
+                             "ComUserThreadWidthEventQueue::SendEvent, stopped"})
+        EXPECT_TRUE(trace.Traced(kError, text + This(withQueue)));
 
     ComUserThread* const all[] = {gaveUp, asleep, withQueue, empty, emptyQueue};
     for (ComUserThread* thread : all) ASSERT_EQ(COM_OK, thread->Create(BaseThread::TF_JOINABLE));
@@ -253,26 +231,19 @@ TEST(ComUserThread, GivesUpSleepsFiresEventsOrEndsWithoutAFunction) {
     EXPECT_TRUE(trace.Traced(kError, "ComUserThread::OnThreadRun, threadPtr=null" + This(empty)));
     EXPECT_TRUE(trace.Traced(kError, AssertLine("ComTaskThread", 1074, "m_ThreadPtr != NULL")));
 
-    // Up to five queued events run after each call of the function.
-    ASSERT_TRUE(queueing.firstCall.Wait());
-    for (size_t i = 0; i < 12; ++i)
-        ASSERT_EQ(COM_OK, withQueue->PostEvent(new LedgerEvent(ledger, i, std::to_string(i))));
-    queueing.release.Open();
     ASSERT_TRUE(WaitUntil([&] { return ledger.m_totalDestroyed.load() == 12; }));
     ASSERT_TRUE(WaitUntil([&] { return queueing.calls.load() >= 4; }));
     const std::vector<std::string> expected{"F", "0", "1", "2", "3", "4",  "F",  "5",
                                             "6", "7", "8", "9", "F", "10", "11", "F"};
     EXPECT_EQ(expected, ledger.Order());
-    EXPECT_EQ(5, withQueue->SendEvent(new LedgerEvent(ledger, 12, "", 5, [&] {
-        EXPECT_TRUE(pthread_equal(withQueue->GetThreadId(), pthread_self()));
-    })));
+    EXPECT_EQ(5, withQueue->SendEvent(new LedgerEvent(ledger, 12, "", 5)));
 
     EXPECT_TRUE(
         trace.WaitTraced(kWarning, "ComUserThread::OnThreadRun, break by user" + This(gaveUp)));
     EXPECT_TRUE(trace.WaitTraced(kInfo, "ComUserThread::ProcessBeforeExit, wait" + This(gaveUp)));
-    ASSERT_TRUE(sleeper.firstCall.Wait());
+    ASSERT_TRUE(WaitUntil([&] { return sleeper.calls.load() == 1; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));  // let it fall asleep
-    for (ComUserThread* thread : std::initializer_list<ComUserThread*>{gaveUp, asleep, withQueue}) {
+    for (ComUserThread* thread : {gaveUp, asleep, static_cast<ComUserThread*>(withQueue)}) {
         EXPECT_EQ(0, thread->Stop(nullptr));
         ASSERT_EQ(COM_OK, thread->Join());
     }
@@ -280,8 +251,7 @@ TEST(ComUserThread, GivesUpSleepsFiresEventsOrEndsWithoutAFunction) {
     EXPECT_TRUE(
         trace.Traced(kInfo, "ComUserThreadWidthEventQueue::OnThreadRun, end" + This(withQueue)));
     EXPECT_EQ(1, quitter.calls.load());
-    EXPECT_EQ(1, sleeper.calls.load());
-    EXPECT_EQ(0, sleeper.waitResult.load());  // woken (or refused), not timed out
+    EXPECT_EQ(0, waitResult.load());  // woken (or refused), not timed out
     EXPECT_EQ(0, asleep->WaitMills(10000));
     EXPECT_TRUE(
         trace.Traced(kError, "ComUserThread::WaitMills, thread has stopped" + This(asleep)));

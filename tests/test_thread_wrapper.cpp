@@ -12,10 +12,6 @@ using namespace webrtc;
 struct Loop {
     std::atomic<int> calls{0}, returns{0}, insideStop{-1};
     std::atomic<int> callsLeft{1 << 30};  // returns false when it reaches 0
-    std::atomic<uint32_t> tid{0};
-    int policy = -1;
-    struct sched_param param = {-1};
-    char name[16] = {};
     bool stopFromInside = false;
     std::unique_ptr<EventWrapper> block;  // when set, each call waits on it
     unsigned int id = 0;
@@ -23,11 +19,7 @@ struct Loop {
 
     static bool Run(ThreadObj aLoop) {
         Loop* loop = static_cast<Loop*>(aLoop);
-        if (loop->calls++ == 0) {
-            pthread_getname_np(pthread_self(), loop->name, sizeof(loop->name));
-            pthread_getschedparam(pthread_self(), &loop->policy, &loop->param);
-            loop->tid = ThreadWrapper::GetThreadId();
-        }
+        ++loop->calls;
         if (loop->block) loop->block->Wait(WEBRTC_EVENT_INFINITE);
         if (loop->stopFromInside) loop->insideStop = loop->thread->Stop();
         // So that an end most likely finds a call running, and no loop spins.
@@ -41,30 +33,27 @@ struct Loop {
         thread.reset(ThreadWrapper::CreateThread(&Loop::Run, this, aPriority, aName));
         return thread.get();
     }
-    bool Start(ThreadPriority aPriority = kNormalPriority, const char* aName = nullptr) {
-        return Make(aPriority, aName) && thread->Start(id);
-    }
 };
 
-TEST(ThreadWrapper, CreateStartNameAndLoopEnd) {
+TEST(ThreadWrapper, CreateStartNamePriorityAndAffinity) {
     Loop loop;
     EXPECT_EQ(nullptr, ThreadWrapper::CreateThread(nullptr, &loop));
     EXPECT_EQ(nullptr, loop.Make(kNormalPriority, std::string(64, 'n').c_str()));
     EXPECT_TRUE(loop.Make(kNormalPriority, std::string(63, 'n').c_str())->Stop());  // not started
-    EXPECT_EQ(0, loop.calls);
 
     TraceCapture trace;
-    ASSERT_TRUE(loop.Start(kLowPriority, "audio_capture_thread"));
+    ASSERT_TRUE(loop.Make(kLowPriority, "audio_capture_thread")->Start(loop.id));
     EXPECT_TRUE(trace.Traced(kInfo, "[TF]: id=-1, Thread with name:audio_capture_thread started"));
-    EXPECT_FALSE(loop.thread->Start(loop.id));
+    // The id is the kernel's: it names the thread, cut to what the kernel keeps.
+    EXPECT_EQ("audio_capture_t\n",
+              ReadFile("/proc/self/task/" + std::to_string(loop.id) + "/comm"));
+    EXPECT_EQ(SCHED_OTHER, sched_getscheduler(loop.id));
+    // Whether this process may use the realtime policy at all, tried on this thread.
+    const struct sched_param lowest = {sched_get_priority_min(SCHED_RR)};
+    const bool realtimeAllowed = sched_setscheduler(loop.id, SCHED_RR, &lowest) == 0;
     // The function runs until it returns false; the thread then ends.
     loop.callsLeft = 3;
     ASSERT_TRUE(WaitUntil([&] { return Gone(loop.id); }));
-    EXPECT_EQ(0, loop.callsLeft);
-    EXPECT_EQ(loop.id, loop.tid);
-    EXPECT_STREQ("audio_capture_t", loop.name);
-    EXPECT_EQ(SCHED_OTHER, loop.policy);
-    EXPECT_TRUE(loop.thread->Stop());
     // An ended thread starts again. Stopped as soon as it started, the function
     // still runs; an unnamed thread traces an empty name.
     loop.calls = 0;
@@ -73,70 +62,55 @@ TEST(ThreadWrapper, CreateStartNameAndLoopEnd) {
     EXPECT_LE(1, loop.calls);
     EXPECT_TRUE(loop.Make()->Start(loop.id));
     EXPECT_TRUE(trace.Traced(kInfo, "[TF]: id=-1, Thread with name: started"));
+
+    const int cpu0[] = {0}, missing[] = {0, CPU_SETSIZE + 1}, negative[] = {-1};
+    const std::pair<const int*, unsigned> refused[] = {
+        {nullptr, 1}, {cpu0, 0}, {missing, 2}, {negative, 1}};
+    for (ThreadPriority priority : {kHighestPriority, kRealtimePriority}) {
+        Loop rt;
+        const std::string name = "rt" + std::to_string(priority);
+        EXPECT_FALSE(rt.Make(priority, name.c_str())->SetAffinity(cpu0, 1));  // not running
+        ASSERT_TRUE(rt.thread->Start(rt.id));
+        // Round-robin, highest one step below realtime, set before Start returns;
+        // where refused, the default policy and one warning line.
+        struct sched_param param = {-1};
+        sched_getparam(rt.id, &param);
+        EXPECT_EQ(realtimeAllowed ? SCHED_RR : SCHED_OTHER, sched_getscheduler(rt.id)) << name;
+        EXPECT_EQ(realtimeAllowed ? 0u : 1u,
+                  trace.CountMatching(kWarning, "\\[TF\\]:Thread with name:" + name + ",.*"));
+        const int top = sched_get_priority_max(SCHED_RR) - (priority == kHighestPriority ? 1 : 0);
+        EXPECT_EQ(realtimeAllowed ? top : 0, param.sched_priority) << name;
+        for (auto [cpus, count] : refused) EXPECT_FALSE(rt.thread->SetAffinity(cpus, count));
+        EXPECT_TRUE(rt.thread->SetAffinity(cpu0, 1));
+    }
 }
 
 TEST(ThreadWrapper, StopRulesAndAStuckFunction) {
-    // SetNotAlive ends the loop after the current call; so does deleting it.
-    for (bool viaDelete : {false, true}) {
+    // SetNotAlive, deletion and Stop from inside (refused) end the loop after that call.
+    for (const std::string way : {"SetNotAlive", "delete", "inside"}) {
         Loop loop;
-        ASSERT_TRUE(loop.Start());
-        ASSERT_TRUE(WaitUntil([&] { return loop.calls > 3; }));
-        viaDelete ? loop.thread.reset() : loop.thread->SetNotAlive();
-        ASSERT_TRUE(viaDelete || WaitUntil([&] { return Gone(loop.id); }));
-        EXPECT_TRUE(viaDelete || loop.thread->Stop());
+        loop.stopFromInside = way == "inside";
+        ASSERT_TRUE(loop.Make()->Start(loop.id));
+        ASSERT_TRUE(WaitUntil([&] { return loop.calls > 3 || loop.insideStop == 0; })) << way;
+        if (way == "SetNotAlive") loop.thread->SetNotAlive();
+        if (way == "delete") loop.thread.reset();
+        ASSERT_TRUE(way == "delete" || WaitUntil([&] { return Gone(loop.id); })) << way;
         const int calls = loop.calls;
-        EXPECT_EQ(calls, loop.returns);  // no call left running
+        EXPECT_EQ(calls, loop.returns) << way;  // no call left running
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        EXPECT_EQ(calls, loop.calls);
+        EXPECT_EQ(way == "inside" ? 1 : calls, loop.calls) << way;
     }
-
-    // From inside: refused, and the thread ends after that call.
-    Loop inside;
-    inside.stopFromInside = true;
-    ASSERT_TRUE(inside.Start());
-    ASSERT_TRUE(WaitUntil([&] { return inside.insideStop == 0; }));
-    EXPECT_TRUE(inside.thread->Stop());
-    EXPECT_EQ(1, inside.calls);
 
     // Stop gives up on a stuck function, which ends alone later.
     Loop stuck;
     stuck.block.reset(EventWrapper::Create());
-    ASSERT_TRUE(stuck.Start());
+    ASSERT_TRUE(stuck.Make()->Start(stuck.id));
     ASSERT_TRUE(WaitUntil([&] { return stuck.calls == 1; }));
     EXPECT_FALSE(stuck.thread->Stop());  // after its 10 seconds
     EXPECT_FALSE(stuck.thread->Start(stuck.id));
     stuck.thread.reset();  // the thread still runs and must not touch the object
     stuck.block->Set();
     ASSERT_TRUE(WaitUntil([&] { return stuck.returns == 1 && Gone(stuck.id); }));
-    EXPECT_EQ(1, stuck.calls);
-}
-
-TEST(ThreadWrapper, PriorityAndAffinity) {
-    bool realtimeAllowed = false;  // whether this process may use the realtime policy at all
-    std::thread([&] {
-        const struct sched_param param = {sched_get_priority_min(SCHED_RR)};
-        realtimeAllowed = pthread_setschedparam(pthread_self(), SCHED_RR, &param) == 0;
-    }).join();
-    TraceCapture trace;
-    const int cpu0[] = {0}, missing[] = {0, CPU_SETSIZE + 1}, negative[] = {-1};
-    const std::pair<const int*, unsigned> refused[] = {
-        {nullptr, 1}, {cpu0, 0}, {missing, 2}, {negative, 1}};
-    for (ThreadPriority priority : {kHighestPriority, kRealtimePriority}) {
-        Loop loop;
-        const std::string name = "rt" + std::to_string(priority);
-        EXPECT_FALSE(loop.Make(priority, name.c_str())->SetAffinity(cpu0, 1));  // not running
-        ASSERT_TRUE(loop.thread->Start(loop.id));
-        ASSERT_TRUE(WaitUntil([&] { return loop.tid != 0; }));
-        // Round-robin, highest one step below realtime; where refused, the
-        // default policy and one warning line.
-        EXPECT_EQ(realtimeAllowed ? SCHED_RR : SCHED_OTHER, loop.policy) << name;
-        EXPECT_EQ(realtimeAllowed ? 0u : 1u,
-                  trace.CountMatching(kWarning, "\\[TF\\]:Thread with name:" + name + ",.*"));
-        const int top = sched_get_priority_max(SCHED_RR) - (priority == kHighestPriority ? 1 : 0);
-        EXPECT_EQ(realtimeAllowed ? top : 0, loop.param.sched_priority) << name;
-        for (auto [cpus, count] : refused) EXPECT_FALSE(loop.thread->SetAffinity(cpus, count));
-        EXPECT_TRUE(loop.thread->SetAffinity(cpu0, 1));
-    }
 }
 
 // A module due every m_period ms (0: always); m_onProcess runs inside Process.
@@ -162,35 +136,23 @@ struct CountingModule : Module {
 TEST(ProcessThread, RegistrationOrderRefusalsAndCallsFromInside) {
     TraceCapture trace;
     ProcessThread* process = ProcessThread::CreateProcessThread();
-    EXPECT_EQ(0, process->Start());
-    EXPECT_EQ(-1, process->Start());
-    CountingModule first(1000000), second(1000000);
+    CountingModule first(1000000), second(1000000), self, other;
     int firstBeforeSecond = -1;
     second.m_onProcess = [&] { firstBeforeSecond = first.m_processed; };
+    // Registered before the start, both due now: served in one pass, in order.
     EXPECT_EQ(-1, process->RegisterModule(nullptr));
-    EXPECT_EQ(-1, process->DeRegisterModule(&first));
-    // Registered while stopped, both due now: served in one pass, in order.
-    EXPECT_EQ(0, process->Stop());
     EXPECT_EQ(0, process->RegisterModule(&first));
     EXPECT_EQ(0, process->RegisterModule(&second));
     EXPECT_EQ(-1, process->RegisterModule(&first));
-    EXPECT_TRUE(
-        trace.Traced(kInfo, "[TF]: id=-1, number of registered modules has increased to 1"));
-    EXPECT_TRUE(
-        trace.Traced(kInfo, "[TF]: id=-1, number of registered modules has increased to 2"));
+    const std::string increased = "[TF]: id=-1, number of registered modules has increased to ";
+    EXPECT_TRUE(trace.Traced(kInfo, increased + "1"));
+    EXPECT_TRUE(trace.Traced(kInfo, increased + "2"));
     EXPECT_EQ(0, process->Start());
+    EXPECT_EQ(-1, process->Start());
     ASSERT_TRUE(WaitUntil([&] { return second.m_processed == 1; }));
     EXPECT_EQ(1, firstBeforeSecond);
 
-    // A module due in 20 ms is served again and again; the others wait.
-    CountingModule periodic(20);
-    EXPECT_EQ(0, process->RegisterModule(&periodic));
-    EXPECT_TRUE(WaitUntil([&] { return periodic.m_processed >= 3; }));
-    EXPECT_EQ(0, process->DeRegisterModule(&periodic));
-    EXPECT_EQ(-1, process->DeRegisterModule(&periodic));
-    EXPECT_EQ(1, first.m_processed);
-
-    // A deregistered module may be deleted at once.
+    // Deregistered, a module may be deleted at once; one due again is served again.
     for (int round = 0; round < 20; ++round) {
         CountingModule* slow = new CountingModule;
         slow->m_onProcess = [] { std::this_thread::sleep_for(std::chrono::milliseconds(5)); };
@@ -199,37 +161,33 @@ TEST(ProcessThread, RegistrationOrderRefusalsAndCallsFromInside) {
         ASSERT_EQ(0, process->DeRegisterModule(slow));
         delete slow;  // ASan reports any call still running or to come
     }
+    EXPECT_EQ(1, first.m_processed);  // not due again yet
 
-    // From inside Process: deregister itself, register another, stop the thread.
-    CountingModule other(1000000), self, stopper, destroyer;
-    int selfResult = 1, registerResult = 1, stopResult = 1;
+    // From inside Process: deregister itself, register another and stop the thread.
+    int stopResult = 1;
     self.m_onProcess = [&] {
-        selfResult = process->DeRegisterModule(&self);
-        registerResult = process->RegisterModule(&other);
+        process->DeRegisterModule(&self);
+        process->RegisterModule(&other);
+        stopResult = process->Stop();
     };
     ASSERT_EQ(0, process->RegisterModule(&self));
-    ASSERT_TRUE(WaitUntil([&] { return other.m_processed == 1; }));
-    EXPECT_EQ(0, selfResult);
-    EXPECT_EQ(0, registerResult);
-    EXPECT_EQ(1, self.m_processed);
-    stopper.m_onProcess = [&] { stopResult = process->Stop(); };
-    ASSERT_EQ(0, process->RegisterModule(&stopper));
-    ASSERT_TRUE(WaitUntil([&] { return stopper.m_processed == 1; }));
-    EXPECT_EQ(-1, stopResult);
+    ASSERT_TRUE(WaitUntil([&] { return other.m_processed > 0; }));
     EXPECT_EQ(0, process->Stop());
-    EXPECT_EQ(1, stopper.m_processed);  // the thread ended after that pass
-    EXPECT_EQ(0, process->DeRegisterModule(&stopper));
+    EXPECT_EQ(-1, stopResult);
+    EXPECT_EQ(1, other.m_processed);  // in the same pass; always due, yet not served again
+    EXPECT_EQ(-1, process->DeRegisterModule(&self));
+    EXPECT_EQ(0, process->DeRegisterModule(&other));
     EXPECT_EQ(0, process->Start());  // a stopped thread starts again
 
     // Destroyed from inside Process: freed once that pass ends (ASan checks).
     std::atomic<uint32_t> serving{0};
-    destroyer.m_onProcess = [&] {
+    self.m_onProcess = [&] {
         serving = ThreadWrapper::GetThreadId();
         ProcessThread::DestroyProcessThread(process);
     };
-    ASSERT_EQ(0, process->RegisterModule(&destroyer));
+    ASSERT_EQ(0, process->RegisterModule(&self));
     ASSERT_TRUE(WaitUntil([&] { return serving != 0 && Gone(serving); }));
-    EXPECT_EQ(1, destroyer.m_processed);
+    EXPECT_EQ(2, self.m_processed);  // read atomically: the thread is done with our frame
 }
 
 }  // namespace

@@ -13,12 +13,6 @@ void Write(MTRACE_OUTPUT_WHERE_TYPE aWhere) {
     CMyTrace_::Write(aWhere, MTRACE_LEVEL_ERROR, "line", 4);
 }
 
-// Runs in the child: a fresh working directory for the trace files.
-void EnterTempDir() {
-    char pattern[] = "/tmp/sw_trace_destroyed_XXXXXX";
-    if (!mkdtemp(pattern) || chdir(pattern) != 0) exit(3);
-}
-
 // Exits 0 only if nothing reaches any destination and nothing is created.
 void ExitIfSilentForGood() {
     gCalls = 0;
@@ -44,7 +38,8 @@ TEST(TraceDestroyed, GoesQuietForGood) {
     for (bool used : {true, false}) {
         EXPECT_EXIT(
             {
-                EnterTempDir();
+                char dir[] = "/tmp/sw_trace_destroyed_XXXXXX";  // for the trace files
+                if (!mkdtemp(dir) || chdir(dir) != 0) exit(3);
                 CMyTrace_::SetLogCallback(&Count);
                 if (used) Write(MTRACE_OUTPUT_CALLBACK);
                 if (used) Write(MTRACE_OUTPUT_FILE);

@@ -1,10 +1,7 @@
-// Built against an installed copy of the library through its umbrella header
-// (so every installed header compiles): exits 0 only if one trace line reaches
-// the host log callback as (7, 1, "%s", prefixed line) and a portable thread
-// and sort answer.
+// Built against an installed copy of the library through its umbrella header (so
+// every installed header compiles): exits 0 only if a portable thread and sort answer
+// and one trace line reaches the host log callback as (7, 1, "%s", prefixed line).
 #include <stdarg.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <memory>
@@ -37,23 +34,17 @@ int main() {
     std::unique_ptr<webrtc::ThreadWrapper> thread(webrtc::ThreadWrapper::CreateThread(Once, &ran));
     unsigned int id = 0;
     double values[] = {2.0, -1.0};
-    if (!thread->Start(id) || !thread->Stop() || !ran ||
-        webrtc::Sort(values, 2, webrtc::TYPE_Float64) != 0 || values[0] != -1.0) {
-        std::fprintf(stderr, "consumer: a portable primitive failed\n");
-        return 1;
-    }
+    const bool portable = thread->Start(id) && thread->Stop() && ran &&
+                          webrtc::Sort(values, 2, webrtc::TYPE_Float64) == 0 && values[0] == -1.0;
     CMyTrace_::SetLogCallback(OnLog);
-    CMyTextFormat text;
-    text << "hello from consumer";
-    unsigned int length = 0;
-    const char* content = text.GetContent(length);
-    CMyTrace_::Write(MTRACE_OUTPUT_CALLBACK, MTRACE_LEVEL_INFO, content, length);
-
-    const std::regex expected("7,1,%s,\\[I:ENG\\+" + std::to_string(getpid()) + ":" +
-                              std::to_string(syscall(SYS_gettid)) +
-                              "\\] [0-9]+\\.[0-9]{6} hello from consumer\n");
-    if (!std::regex_match(gReceived, expected)) {
-        std::fprintf(stderr, "consumer: unexpected callback calls: \"%s\"\n", gReceived.c_str());
+    const char text[] = "hello from consumer";
+    CMyTrace_::Write(MTRACE_OUTPUT_CALLBACK, MTRACE_LEVEL_INFO, text, sizeof(text) - 1);
+    // The ids in the prefix are checked by the trace tests; here only its shape.
+    const std::regex expected(R"(7,1,%s,\[I:ENG\+[0-9]+:[0-9]+\] [0-9]+\.[0-9]{6} )"
+                              R"(hello from consumer\n)");
+    if (!portable || !std::regex_match(gReceived, expected)) {
+        std::fprintf(stderr, "consumer: portable primitives %s, callback calls: \"%s\"\n",
+                     portable ? "answered" : "failed", gReceived.c_str());
         return 1;
     }
     return 0;
