@@ -28,6 +28,13 @@ std::string Printf(const char* aFormat, T aValue) {
     return text;
 }
 
+// Appends aValue; returns what printf makes of aPrinted with aFormat.
+template <class T, class P>
+std::string Put(CMyTextFormat& aText, T aValue, const char* aFormat, P aPrinted) {
+    aText << aValue;
+    return Printf(aFormat, aPrinted);
+}
+
 // Appends one value of a type the input picks; returns what printf makes of it.
 std::string AppendOne(FuzzInput& aIn, CMyTextFormat& aText) {
     const uint64_t bits = static_cast<uint64_t>(aIn.U32()) << 32 | aIn.U32();
@@ -44,34 +51,23 @@ std::string AppendOne(FuzzInput& aIn, CMyTextFormat& aText) {
             return value.c_str();
         }
         case 2:
-            aText << static_cast<const char*>(nullptr);
-            return Printf("%p", nullptr);
+            return Put(aText, static_cast<const char*>(nullptr), "%p", nullptr);
         case 3:
-            aText << static_cast<int>(bits);
-            return Printf("%ld", long(int(bits)));
+            return Put(aText, static_cast<int>(bits), "%ld", long(int(bits)));
         case 4:
-            aText << static_cast<unsigned short>(bits);
-            return Printf("%lu", bits & 0xffff);
+            return Put(aText, static_cast<unsigned short>(bits), "%lu", bits & 0xffff);
         case 5:
-            aText << static_cast<unsigned int>(bits);
-            return Printf("%lu", bits & 0xffffffff);
+            return Put(aText, static_cast<unsigned int>(bits), "%lu", bits & 0xffffffff);
         case 6:
-            aText << static_cast<long>(bits);
-            return Printf("%ld", long(bits));
+            return Put(aText, static_cast<long>(bits), "%ld", long(bits));
         case 7:
-            aText << static_cast<unsigned long>(bits);
-            return Printf("%lu", bits);
+            return Put(aText, static_cast<unsigned long>(bits), "%lu", bits);
         case 8:
-            aText << static_cast<long long>(bits);
-            return Printf("%lld", (long long)bits);
+            return Put(aText, static_cast<long long>(bits), "%lld", (long long)bits);
         case 9:
-            aText << static_cast<unsigned long long>(bits);
-            return Printf("%llu", bits);
-        case 10: {
-            const void* value = reinterpret_cast<const void*>(bits);
-            aText << value;
-            return Printf("%p", value);
-        }
+            return Put(aText, static_cast<unsigned long long>(bits), "%llu", bits);
+        case 10:
+            return Put(aText, reinterpret_cast<const void*>(bits), "%p", (void*)bits);
         default: {
             double value;
             memcpy(&value, &bits, sizeof(value));

@@ -13,7 +13,6 @@ const char* const kTracePrefixPattern = R"(\[[DIWE]:ENG\+[0-9]+:[0-9]+\] [0-9]+\
 namespace {
 
 std::mutex gMutex;
-std::condition_variable gArrived;
 std::vector<CapturedLine> gLines;
 
 void Capture(int aTag, int aLevel, const char* aFormat, ...) {
@@ -23,18 +22,19 @@ void Capture(int aTag, int aLevel, const char* aFormat, ...) {
     va_end(args);
 
     static const std::regex prefix(std::string("^") + kTracePrefixPattern);
-    CapturedLine captured{aTag, aLevel, aFormat, line, std::regex_replace(line, prefix, "")};
+    CapturedLine captured{aTag, aLevel, line, std::regex_replace(line, prefix, "")};
     if (!captured.text.empty() && captured.text.back() == '\n') captured.text.pop_back();
 
     std::lock_guard<std::mutex> lock(gMutex);
     gLines.push_back(std::move(captured));
-    gArrived.notify_all();
 }
 
-size_t CountLocked(int aLevel, const std::string& aText) {
+template <class Match>
+size_t CountIf(int aLevel, const Match& aMatch) {
+    std::lock_guard<std::mutex> lock(gMutex);
     size_t n = 0;
     for (const CapturedLine& l : gLines)
-        n += (aLevel == TraceCapture::kAnyLevel || aLevel == l.level) && l.text == aText;
+        n += (aLevel == TraceCapture::kAnyLevel || aLevel == l.level) && aMatch(l.text);
     return n;
 }
 
@@ -81,17 +81,13 @@ void TraceCapture::Clear() {
 }
 
 size_t TraceCapture::Count(int aLevel, const std::string& aText) const {
-    std::lock_guard<std::mutex> lock(gMutex);
-    return CountLocked(aLevel, aText);
+    return CountIf(aLevel, [&](const std::string& aLine) { return aLine == aText; });
 }
 
 size_t TraceCapture::CountMatching(int aLevel, const std::string& aPattern) const {
     const std::regex pattern(aPattern);
-    std::lock_guard<std::mutex> lock(gMutex);
-    size_t n = 0;
-    for (const CapturedLine& l : gLines)
-        n += (aLevel == kAnyLevel || aLevel == l.level) && std::regex_match(l.text, pattern);
-    return n;
+    return CountIf(aLevel,
+                   [&](const std::string& aLine) { return std::regex_match(aLine, pattern); });
 }
 
 ::testing::AssertionResult TraceCapture::Traced(int aLevel, const std::string& aText) const {
@@ -100,9 +96,7 @@ size_t TraceCapture::CountMatching(int aLevel, const std::string& aPattern) cons
 
 ::testing::AssertionResult TraceCapture::WaitTraced(int aLevel, const std::string& aText,
                                                     std::chrono::milliseconds aTimeout) const {
-    std::unique_lock<std::mutex> lock(gMutex);
-    bool seen = gArrived.wait_for(lock, aTimeout, [&] { return CountLocked(aLevel, aText) > 0; });
-    lock.unlock();
+    const bool seen = WaitUntil([&] { return Count(aLevel, aText) > 0; }, aTimeout);
     return Report(seen, "not traced in time", aLevel, aText);
 }
 

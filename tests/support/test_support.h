@@ -33,11 +33,10 @@
 #include "system_wrappers.h"
 
 struct CapturedLine {
-    int tag;             // first callback argument (always 7)
-    int level;           // MTRACE_LEVEL_TYPE value
-    std::string format;  // third argument ("%s")
-    std::string line;    // the finished line: prefix, text, newline
-    std::string text;    // the line without its prefix and newline
+    int tag;           // first callback argument (always 7)
+    int level;         // MTRACE_LEVEL_TYPE value
+    std::string line;  // the finished line: prefix, text, newline
+    std::string text;  // the line without its prefix and newline
 };
 
 // Trace levels as the capture reports them.
@@ -216,7 +215,6 @@ public:
     void OnTimeout(const ComTimeValueType& aCurTime, void* aToken) override {
         m_lastTime = aCurTime;
         m_lastToken = aToken;
-        m_firedOn = pthread_self();
         if (m_ledger) m_ledger->Record(m_name);
         if (m_action) m_action();
         ++m_fired;
@@ -225,7 +223,6 @@ public:
     EventLedger* m_ledger;
     std::string m_name;
     std::atomic<int> m_fired{0};
-    std::atomic<pthread_t> m_firedOn{0};
     ComTimeValueType m_lastTime;
     void* m_lastToken = nullptr;
     std::function<void()> m_action;
