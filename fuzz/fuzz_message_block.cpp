@@ -60,14 +60,11 @@ void BlockOp(FuzzInput& aIn, std::unique_ptr<ComMessageBlock> (&aBlocks)[4], Mod
     Model& m = aModels[i];
     const uint8_t op = aIn.Below(9);
     if (!aBlocks[i] || op == 0) {  // (re)create from bytes or as a capacity
+        const bool fromBytes = aIn.Byte() & 1;
+        aBlocks[i].reset(fromBytes ? new ComMessageBlock(Source(data, null), length)
+                                   : new ComMessageBlock(length));
         m = Model();
-        if (aIn.Byte() & 1) {
-            aBlocks[i].reset(new ComMessageBlock(Source(data, null), length));
-            if (!null && length) Attach(m, data, false, length);
-        } else {
-            aBlocks[i].reset(new ComMessageBlock(length));
-            if (length) Attach(m, data, true, length);
-        }
+        if (length && !(fromBytes && null)) Attach(m, data, !fromBytes, length);
     } else if (op == 1 && aBlocks[other]) {  // copy shares the bytes, not the positions
         if (aIn.Byte() & 1) {
             aBlocks[i].reset(new ComMessageBlock(*aBlocks[other]));
@@ -112,9 +109,8 @@ void BlockOp(FuzzInput& aIn, std::unique_ptr<ComMessageBlock> (&aBlocks)[4], Mod
         aBlocks[i].reset();
         m = Model();
     }
-    for (int k = 0; k < 4; ++k) {
+    for (int k = 0; k < 4; ++k)
         if (aBlocks[k]) Check(*aBlocks[k], aModels[k]);
-    }
 }
 
 // The cursor over a caller's buffer: one position for reading and writing.
@@ -133,7 +129,8 @@ void WrapperOp(FuzzInput& aIn, std::vector<unsigned char>& aBuffer, ComBufferBlo
             std::vector<unsigned char> out(length + 1, 0xee);
             got = aCursor.Read(out.data(), length, advance);
             FUZZ_CHECK(got == (aBuffer.empty() ? 0 : fits) && out[got] == 0xee);
-            FUZZ_CHECK(std::equal(out.begin(), out.begin() + got, aBuffer.begin() + (got ? aPos : 0)));
+            FUZZ_CHECK(
+                std::equal(out.begin(), out.begin() + got, aBuffer.begin() + (got ? aPos : 0)));
             break;
         }
         case 1:

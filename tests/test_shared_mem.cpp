@@ -1,12 +1,12 @@
-// The shared-memory log channel: text between processes, its notes on standard
-// output, its lock, and that no segment or semaphore outlives a test. Ring
-// placement, levels and readers are checked against a model by
-// fuzz/fuzz_shared_mem.cpp, whose corpus the suite replays.
+// The shared-memory log channel: its notes on standard output, its lock, serialised
+// writers, and that no segment or semaphore outlives a test. Ring placement, levels
+// and readers are checked against a model by fuzz/fuzz_shared_mem.cpp, whose corpus
+// the suite replays; test_shmlog and test_demo read the channel from other processes.
 #include "test_support.h"
 
 namespace {
 
-// At most aSize bytes; "<failed>" for -1. No gtest calls: usable in a forked child.
+// At most aSize bytes; "<failed>" for -1.
 std::string Get(SharedMemImpl& aShm, unsigned int aSize = 1000) {
     std::string buffer(aSize + 1, 'x');
     const int count = aShm.Read(reinterpret_cast<unsigned char*>(&buffer[0]), aSize);
@@ -14,30 +14,6 @@ std::string Get(SharedMemImpl& aShm, unsigned int aSize = 1000) {
 }
 
 using SharedMemTest = ChannelKeyTest;
-
-TEST_F(SharedMemTest, WriterAndReaderProcessesExchangeText) {
-    SharedMemImpl writer(true);
-    fflush(stdout);
-    const pid_t pid = fork();
-    ASSERT_NE(-1, pid);
-    if (pid == 0) {
-        alarm(60);  // a stuck channel must not hang the test
-        SharedMemImpl reader(false);
-        std::string text;
-        for (int i = 0; i < 30000 && reader.IsGood() && text.size() < 13; ++i, usleep(1000))
-            text += Get(reader);
-        const int code = text == "first\nsecond\n" && Put(reader, "ack") == 3 ? 0 : 1;
-        fflush(stdout);
-        _exit(code);
-    }
-    EXPECT_EQ(6, Put(writer, "first\n"));
-    usleep(20000);
-    EXPECT_EQ(7, Put(writer, "second\n"));
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    EXPECT_EQ("ack", Get(writer));  // the writer reads on from its newest text
-}
 
 TEST_F(SharedMemTest, NotesOverlongTextBadLevelsAndTheLockOfAnUninitialisedObject) {
     SharedMemImpl shm(true);
