@@ -74,6 +74,13 @@ TEST(Event, AutoResetSignalsAndTimers) {
     ASSERT_TRUE(event->StartTimer(false, 10));
     EXPECT_EQ(kEventSignaled, event->Wait(60000));
     EXPECT_EQ(kEventTimeout, event->Wait(50));
+    // A one-shot already due keeps its signal through a restart; Reset takes it.
+    for (bool reset : {false, true}) {
+        ASSERT_TRUE(event->StartTimer(false, 1));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        reset ? event->Reset() : event->StartTimer(false, 600000);
+        EXPECT_EQ(reset ? kEventTimeout : kEventSignaled, event->Wait(0)) << reset;
+    }
 
     // Periodic: signal n never comes before start + n periods; running, it refuses a restart.
     const int64_t period = 20, start = TickTime::MillisecondTimestamp();

@@ -248,6 +248,7 @@ TEST(ComUserThread, GivesUpSleepsFiresEventsOrEndsWithoutAFunction) {
         ASSERT_EQ(COM_OK, thread->Join());
     }
     EXPECT_TRUE(trace.Traced(kInfo, "ComUserThread::OnThreadRun, end, stoped=1" + This(gaveUp)));
+    EXPECT_EQ(1u, trace.CountMatching(kWarning, ".*break by user.*"));  // stopped is not by user
     EXPECT_TRUE(
         trace.Traced(kInfo, "ComUserThreadWidthEventQueue::OnThreadRun, end" + This(withQueue)));
     EXPECT_EQ(1, quitter.calls.load());
