@@ -48,11 +48,8 @@ TEST(TraceShim, LevelsIdsSilencedModulesTheCutAndRefusedConfiguration) {
     // Configuration is refused; the existing facility keeps its own parameters.
     unsigned int filter = 0;
     char name[8] = {};
-    EXPECT_EQ(-1, Trace::SetLevelFilter(0));
-    EXPECT_EQ(-1, Trace::LevelFilter(filter));
-    EXPECT_EQ(-1, Trace::SetTraceFile("other.log", true));
-    EXPECT_EQ(-1, Trace::TraceFile(name));
-    EXPECT_EQ(-1, Trace::SetTraceCallback(nullptr));
+    EXPECT_EQ(-5, Trace::SetLevelFilter(0) + Trace::LevelFilter(filter) + Trace::TraceFile(name) +
+                      Trace::SetTraceFile("other.log", true) + Trace::SetTraceCallback(nullptr));
     Trace::ReturnTrace();
     EXPECT_EQ(gWideTrace, Trace::CreateTrace());
     EXPECT_EQ(2048u, gWideTrace->m_maxLineLength);
