@@ -63,6 +63,45 @@ TEST(CMyTrace, ThreadIdsPrefixCutUptimeAndNoLevelFilter) {
     EXPECT_GE(seconds, now.tv_sec - 60);
 }
 
+// The destroyed state is final for the process, so each scenario runs in a child
+// process of its own, which exits 0 only if nothing traced after the destroy reaches
+// any destination or creates anything.
+int gCalls = 0;
+void Count(int, int, const char*, ...) {
+    ++gCalls;
+}
+
+TEST(CMyTrace, DestroyedGoesQuietForGood) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process per scenario
+    for (bool used : {true, false}) {                // destroyed while in use, or before any line
+        EXPECT_EXIT(
+            {
+                char dir[] = "/tmp/sw_trace_destroyed_XXXXXX";  // for the trace files
+                if (!mkdtemp(dir) || chdir(dir) != 0) exit(3);
+                CMyTrace_::SetLogCallback(&Count);
+                if (used) Write(MTRACE_OUTPUT_CALLBACK, 3, "line");
+                if (used) Write(MTRACE_OUTPUT_FILE, 3, "line");
+                if (used && (gCalls != 1 || unlink("zemtrace_linux_0.log") != 0)) exit(2);
+                CMyTrace_::DestroyTrace();
+                gCalls = 0;
+                CMyTrace_::SetLogCallback(&Count);
+                for (auto where :
+                     {MTRACE_OUTPUT_CALLBACK, MTRACE_OUTPUT_FILE, MTRACE_OUTPUT_STDOUT})
+                    Write(where, 3, "line");
+                webrtc::Trace::Add(webrtc::kTraceError, webrtc::kTraceModuleGeneral, 1, "lost");
+                CMyTrace_::DestroyTrace();  // a second destroy is harmless
+                const bool silent =
+                    gCalls == 0 && unlink("zemtrace_linux_0.log") != 0 &&
+                    !CMyTraceImpl_::Instance(MTRACE_LEVEL_INFO, "t", 512, 1, 2, 9) &&
+                    !webrtc::Trace::CreateTrace();
+                rmdir(dir);
+                exit(silent ? 0 : 1);
+            },
+            testing::ExitedWithCode(0), "^$")
+            << used;
+    }
+}
+
 // Tests that write trace files run in a fresh temporary working directory.
 class TraceFiles : public TempDirTest {
 protected:
