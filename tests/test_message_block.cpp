@@ -9,7 +9,7 @@ TEST(MessageBlock, CopiesReleasedOnOtherThreadsAndACursorWithoutBuffer) {
     const unsigned char ten[] = "0123456789";
     ComMessageBlock block(ten, 10);
     RunThreads(4, [&block](int) {
-        for (int i = 0; i < 200; ++i) ComMessageBlock(block).Read(nullptr, 1, true);
+        for (int i = 0; i < 5000; ++i) ComMessageBlock(block).Read(nullptr, 1, true);
     });
     EXPECT_EQ(1, block.m_dataBlock->GetReferCount());  // the last copy freed nothing early
     EXPECT_EQ(10UL, block.GetReadableLength());

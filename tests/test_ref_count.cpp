@@ -1,3 +1,5 @@
+// Both counting policies and the smart pointer. The shared policy under threads is
+// exercised by test_message_block, whose blocks are counted with it.
 #include "test_support.h"
 
 namespace {
@@ -55,20 +57,6 @@ TYPED_TEST(RefCountPolicy, CountsAndSmartPointerDestroyExactlyOnce) {
     obj.AddReferCount();
     EXPECT_EQ(0, obj.ReleaseReferCount());
     EXPECT_EQ(1, obj.recycled);
-}
-
-TEST(RefCount, SharedCounterReachesZeroOnceAcrossThreads) {
-    int destroyed = 0;
-    auto* obj = new Counted<CReferOperatMulti>(&destroyed);
-    obj->AddReferCount();
-    RunThreads(4, [obj](int) {
-        for (int i = 0; i < 10000; ++i) {
-            CRefCountAutoPtr<Counted<CReferOperatMulti>> p(obj), q;
-            q = p;
-        }
-    });
-    EXPECT_EQ(0, obj->ReleaseReferCount());  // only the first reference is left
-    EXPECT_EQ(1, destroyed);
 }
 
 }  // namespace
