@@ -130,6 +130,10 @@ private:
         self->ServeOnce();
         tls_serving = nullptr;
         if (self->m_destroyWhenDone) {
+            // The first pass may end before Start, on the thread that started
+            // this one, has left the object: wait for it to let go.
+            self->m_startStop->Enter();
+            self->m_startStop->Leave();
             delete self;
             return false;
         }
