@@ -31,17 +31,17 @@ inline void Log(MTRACE_LEVEL_TYPE aLevel, const CMyTextFormat& aText) {
         ::demo::Log(aLevel, text_); \
     } while (0)
 
-// True when a send on aFd would take at least one byte: the library traces a
-// would-block send as a failure, so the demo only sends when there is room.
-inline bool Writable(int aFd) {
-    pollfd fd = {aFd, POLLOUT, 0};
-    return poll(&fd, 1, 0) == 1 && (fd.revents & POLLOUT) != 0;
+// True when aFd is ready for aEvent now. The library traces a would-block send
+// or accept as a failure, so the demo only calls them when they will not block.
+inline bool Ready(int aFd, short aEvent) {
+    pollfd fd = {aFd, aEvent, 0};
+    return poll(&fd, 1, 0) == 1 && (fd.revents & aEvent) != 0;
 }
-
-// True when a read (or an accept) on aFd would not block.
+inline bool Writable(int aFd) {
+    return Ready(aFd, POLLOUT);
+}
 inline bool Readable(int aFd) {
-    pollfd fd = {aFd, POLLIN, 0};
-    return poll(&fd, 1, 0) == 1 && (fd.revents & POLLIN) != 0;
+    return Ready(aFd, POLLIN);
 }
 
 inline void NoDelay(int aFd) {

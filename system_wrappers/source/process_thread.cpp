@@ -132,8 +132,7 @@ private:
         if (self->m_destroyWhenDone) {
             // The first pass may end before Start, on the thread that started
             // this one, has left the object: wait for it to let go.
-            self->m_startStop->Enter();
-            self->m_startStop->Leave();
+            { CriticalSectionScoped wait(self->m_startStop); }
             delete self;
             return false;
         }
