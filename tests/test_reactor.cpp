@@ -170,7 +170,7 @@ TEST(Reactor, WakeUpPipeTakesOnlyItsOwnConnection) {
     EXPECT_TRUE(before.Same());  // the intruder's connection was closed, not kept
 }
 
-TEST(ReactorThread, SleepsWithoutTimeoutAndEndsCleanly) {
+TEST(ReactorThread, SleepsWithoutTimeoutWakesFromAnyThreadAndEndsCleanly) {
     TraceCapture capture;
     ComThreadManger* manager = ComThreadManger::GetInstance();
     ComReactorThread* reactor = nullptr;
@@ -182,6 +182,10 @@ TEST(ReactorThread, SleepsWithoutTimeoutAndEndsCleanly) {
     const std::regex sleepsForever("^(23|270) (\\S+ ){4}0x0 ");
     EXPECT_TRUE(WaitUntil([&] { return std::regex_search(ReadFile(call), sleepsForever); }));
 
+    // Hosts may wake the loop from several threads at once.
+    RunThreads(4, [&](int) {
+        for (int i = 0; i < 500; ++i) EXPECT_EQ(0, reactor->_reactor->notify_handle());
+    });
     const std::string destroyLine =
         "[COM]:destroy_reactor, reactor=" + This(reactor->_reactor).substr(7) + This(reactor);
     EXPECT_EQ(0, manager->DestroyThread(reactor));

@@ -64,7 +64,9 @@ public:
     int open();
     // Unregisters, closes the pipe and forgets the reactor for good.
     int close();
-    // Safe from any thread.
+    /// Writes one wake token: 0, or -1 (with a trace line) when it did not
+    /// all go out. Safe from any number of threads at once, also while the
+    /// reactor thread closes the pipe.
     int notify();
 
     int on_input() override;
@@ -74,6 +76,11 @@ public:
 
     ComPipe _pipe;
     ComNetReactor* _reactor;  // not owned
+
+private:
+    // The write end is one socket object whose error field every call
+    // rewrites: concurrent notify calls, and close, take turns on it.
+    CMyMutex m_WriteMutex;
 };
 
 // The reactor's event queue: a post that makes it non-empty wakes the loop.
@@ -137,8 +144,9 @@ public:
     int64_t m_NextRangeTraceNs;
 };
 
-// A thread that runs one reactor, which it owns. Posting to it or scheduling
-// a timer on it runs the work on the reactor's loop.
+/// A thread that runs one reactor, which it owns. Posting to it or scheduling
+/// a timer on it runs the work on the reactor's loop. Like every library
+/// thread it runs with the smallest timer slack (see BaseThread).
 class SW_EXPORT ComReactorThread : public BaseThread, public IStopFlagAccess {
 public:
     explicit ComReactorThread(ComNetReactor* aReactor);

@@ -155,6 +155,7 @@ int ComPipeNotify::close() {
     if (_reactor != nullptr) {
         _reactor->unregister_handle(this);
     }
+    PattAutoLock<CMyMutex> lock(m_WriteMutex);
     _pipe.close();
     _reactor = nullptr;
     return 0;
@@ -162,6 +163,7 @@ int ComPipeNotify::close() {
 
 int ComPipeNotify::notify() {
     const char token[kTokenSize] = {};
+    PattAutoLock<CMyMutex> lock(m_WriteMutex);
     return _pipe.write(token, kTokenSize);
 }
 
