@@ -52,6 +52,9 @@ public:
 
     // The calling thread's library thread, or null (with a trace line).
     BaseThread* GetCurrentThreadPtr();
+    /// The calling thread's library thread, or null without a trace line, for
+    /// code that asks before it knows. Any thread.
+    BaseThread* FindCurrentThreadPtr();
     // Unlocked: the manager calls it under s_Mutex.
     BaseThread* GetThreadPtr(pthread_t aTid);
 
@@ -59,6 +62,10 @@ public:
     // thread share one record.
     int CreateDummyThread(ComDummyThread*& aThread);
     void DestroyDummyThread(ComDummyThread*& aThread);
+    /// The calling thread's dummy record, or null when it holds none; silent.
+    /// No reference is added: the record stays valid until the thread's last
+    /// DestroyDummyThread. Any thread.
+    ComDummyThread* GetCurrentDummyThread();
 
     std::map<pthread_t, BaseThread*> m_Threads;
     std::map<pthread_t, CRefCountAutoPtr<ComDummyThread>> m_DummyThreads;

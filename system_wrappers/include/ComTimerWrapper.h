@@ -16,8 +16,12 @@ public:
     virtual void OnTimer(ComTimerWrapper* aTimer) = 0;
 };
 
-// Schedule, Cancel and destroy it on the thread whose queue it is bound to:
-// timer queues belong to one thread. Expiry does not change its state.
+/// Schedule, Cancel and destroy it on the thread whose queue it is bound to:
+/// timer queues belong to one thread. Expiry does not change its state. It
+/// binds to the calling library thread's timer queue or, on a thread the
+/// library did not start, to the queue of the thread's ComDummyThread record,
+/// which that thread drives itself with CheckExpire; with neither, Schedule
+/// fails.
 class SW_EXPORT ComTimerWrapper : public ITimerHandler {
 public:
     ComTimerWrapper();
@@ -30,7 +34,8 @@ public:
     // Unbinds, so the next Schedule binds to the calling thread afresh.
     int Cancel();
     void OnTimeout(const ComTimeValueType& aCurTime, void* aToken) override;
-    // The calling library thread's timer queue.
+    /// The calling thread's timer queue (see the class comment): COM_OK, or
+    /// COM_ERROR_FAILURE with aQueue null and a trace line.
     int GetTimerQueue(ITimerQueue*& aQueue);
 
     bool _scheduled;

@@ -178,16 +178,17 @@ int ComThreadManger::DestroyThread(BaseThread* aThread) {
 
 BaseThread* ComThreadManger::GetCurrentThreadPtr() {
     const pthread_t tid = pthread_self();
-    BaseThread* thread = nullptr;
-    {
-        PattAutoLock<CMyMutex> lock(s_Mutex);
-        thread = GetThreadPtr(tid);
-    }
+    BaseThread* thread = FindCurrentThreadPtr();
     if (thread == nullptr) {
         SW_TRACE_ERROR("[COM]:GetCurrentThreadPtr, not found, tid=" << TidValue(tid)
                                                                     << ", this=" << Addr(this));
     }
     return thread;
+}
+
+BaseThread* ComThreadManger::FindCurrentThreadPtr() {
+    PattAutoLock<CMyMutex> lock(s_Mutex);
+    return GetThreadPtr(pthread_self());
 }
 
 BaseThread* ComThreadManger::GetThreadPtr(pthread_t aTid) {
@@ -210,6 +211,12 @@ int ComThreadManger::CreateDummyThread(ComDummyThread*& aThread) {
     it->second->AddReferCount();
     aThread = it->second.GetPtr();
     return 0;
+}
+
+ComDummyThread* ComThreadManger::GetCurrentDummyThread() {
+    PattAutoLock<CMyMutex> lock(m_DummyMutex);
+    auto it = m_DummyThreads.find(pthread_self());
+    return it != m_DummyThreads.end() ? it->second.GetPtr() : nullptr;
 }
 
 void ComThreadManger::DestroyDummyThread(ComDummyThread*& aThread) {

@@ -73,12 +73,17 @@ int ComTimerWrapper::GetTimerQueue(ITimerQueue*& aQueue) {
         SW_TRACE_ERROR("[COM]:GetTimerQueue, manger=null, this=" << Addr(this));
         return COM_ERROR_FAILURE;
     }
-    BaseThread* thread = manager->GetCurrentThreadPtr();
-    if (thread == nullptr) {
+    ITimerQueue* queue = nullptr;
+    if (BaseThread* thread = manager->FindCurrentThreadPtr()) {
+        queue = thread->GetTimerQueue();
+    } else if (ComDummyThread* dummy = manager->GetCurrentDummyThread()) {
+        // A thread the library did not start drives its record's queue itself.
+        queue = &dummy->m_TimerQueue;
+    } else {
+        manager->GetCurrentThreadPtr();  // for its not-found line
         SW_TRACE_ERROR("[COM]:GetTimerQueue, threadptr=null, this=" << Addr(this));
         return COM_ERROR_FAILURE;
     }
-    ITimerQueue* queue = thread->GetTimerQueue();
     if (queue == nullptr) {
         SW_TRACE_ERROR("[COM]:GetTimerQueue, timerque=null, this=" << Addr(this));
         return COM_ERROR_FAILURE;
