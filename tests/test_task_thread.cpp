@@ -1,3 +1,7 @@
+#include <sched.h>
+#include <signal.h>
+#include <sys/prctl.h>
+
 #include "test_support.h"
 
 namespace {
@@ -181,6 +185,98 @@ TEST(ComTaskThread, EveryEventEndsOnceUnderLoad) {
         ASSERT_GE(1, ledger.Fired(id)) << id;
         if (id % kPerProducer < half) ASSERT_EQ(1, ledger.Fired(id)) << id;
     }
+}
+
+TEST(ComTaskThread, TimersScheduledFromOtherThreadsWakeTheLoop) {
+    ComTaskThread* thread = nullptr;
+    ComThreadManger* manager = ComThreadManger::GetInstance();
+    ASSERT_EQ(0, manager->CreateTaskThread(thread));
+    pid_t kernelTid = 0;
+    int slack = 0;
+    RunOn(thread, [&] { kernelTid = gettid(), slack = prctl(PR_GET_TIMERSLACK); });
+    EXPECT_EQ(1, slack);  // the smallest, so that its waits end when due
+    RecordingHandler soon, later;
+    // Each change is made while the loop sleeps: first without limit, then
+    // until the hour-long timer, which a re-schedule brings forward.
+    ASSERT_TRUE(WaitUntil([&] { return Asleep(kernelTid); }));
+    ASSERT_EQ(COM_OK, thread->ScheduleTimer(&later, nullptr, ComTimeValueType(3600, 0), 1));
+    ASSERT_TRUE(WaitUntil([&] { return Asleep(kernelTid); }));
+    std::thread([&] {
+        EXPECT_EQ(COM_OK, thread->ScheduleTimer(&soon, nullptr, ComTimeValueType(0, 1000), 0));
+    }).join();
+    EXPECT_TRUE(WaitUntil([&] { return soon.m_fired >= 3; }));
+    ASSERT_EQ(COM_OK, thread->CancelTimer(&soon));
+    ASSERT_TRUE(WaitUntil([&] { return Asleep(kernelTid); }));
+    EXPECT_EQ(COM_ERROR_FAILURE,
+              thread->ScheduleTimer(&later, nullptr, ComTimeValueType(0, 1000), 2));
+    EXPECT_TRUE(WaitUntil([&] { return later.m_fired == 2; }));
+    EXPECT_EQ(0, manager->DestroyThread(thread));
+}
+
+// 1 while a signal holds the thread it arrived on, 2 to let it go.
+std::atomic<int> gHeld{0};
+void HoldThisThread(int) {
+    for (gHeld = 1; gHeld != 2;) sched_yield();
+}
+
+TEST(ComTaskThread, SendsReturnWhenDiscardedOrRacingTheOwnersEnd) {
+    TraceCapture trace;
+    ComThreadManger* manager = ComThreadManger::GetInstance();
+    ComTaskThread* thread = nullptr;
+    ASSERT_EQ(0, manager->CreateTaskThread(thread));
+    // An event ends the loop while another thread's send waits behind it: the
+    // sender gets a failure and the event ends once, unfired.
+    EventLedger ledger(1);
+    Gate sent;
+    ASSERT_EQ(COM_OK, thread->PostEvent(new FnEvent([&] {
+        EXPECT_TRUE(WaitUntil([&] { return thread->m_EventQueue.GetPendingEventsCount() == 1; }));
+        thread->SetStopFlag();
+    })));
+    std::atomic<int> result{0};
+    std::thread sender([&] {
+        result = thread->SendEvent(new LedgerEvent(ledger, 0, "", 7));
+        sent.Open();
+    });
+    if (!sent.Wait()) {  // the watchdog: a hung sender fails the test, not the run
+        sender.detach();
+        FAIL() << "the discarded send never returned";
+    }
+    sender.join();
+    EXPECT_EQ(COM_ERROR_FAILURE, result.load());
+    EXPECT_EQ(0, ledger.Fired(0));
+    EXPECT_EQ(1, ledger.Destroyed(0));
+    EXPECT_EQ(1u, trace.CountMatching(
+                      kError, "ComEventSynchronous::WaitResultAndDeleteThis, discarded before "
+                              "it ran, this=0x[0-9a-f]+"));
+    EXPECT_TRUE(trace.Traced(kError, "ComTaskThread::SendEvent, failed" + This(thread)));
+    EXPECT_EQ(0, manager->DestroyThread(thread));
+
+    // The owner is destroyed once the sent event has visibly run, while its
+    // sender is held (in a signal handler) before its trip back to the queue.
+    struct sigaction hold = {}, saved = {};
+    hold.sa_handler = HoldThisThread;
+    ASSERT_EQ(0, sigaction(SIGUSR1, &hold, &saved));
+    for (int round = 0; round < 20; ++round) {
+        ASSERT_EQ(0, manager->CreateTaskThread(thread));
+        gHeld = 0;
+        std::atomic<pthread_t> sender{};
+        std::thread racer([&] {
+            sender = pthread_self();
+            EXPECT_EQ(7, thread->SendEvent(new LedgerEvent(ledger, 0, "", 7, [&] {
+                pthread_kill(sender, SIGUSR1);
+                EXPECT_TRUE(WaitUntil([] { return gHeld == 1; }));
+            })));
+        });
+        ASSERT_TRUE(WaitUntil([&] { return gHeld == 1 && ledger.Destroyed(0) == round + 2; }));
+        trace.Clear();
+        std::thread destroyer([&] { EXPECT_EQ(0, manager->DestroyThread(thread)); });
+        EXPECT_TRUE(trace.WaitTraced(kInfo, "BaseThread::Destory" + This(thread)));
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));  // let a broken one free it
+        gHeld = 2;
+        racer.join();
+        destroyer.join();
+    }
+    sigaction(SIGUSR1, &saved, nullptr);
 }
 
 // A user thread's function: the test's body, given the number of the call.

@@ -47,8 +47,12 @@ public:
     EventQueueBase& operator=(const EventQueueBase&) = delete;
 
     int PostEvent(IEvent* aEvent) override;
-    // On the owner thread the event runs at once, ahead of the queue; from any
-    // other thread the caller blocks until the owner has run it.
+    /// Runs aEvent on the owner thread and returns its OnEventFire() result.
+    /// On the owner thread the event runs at once, ahead of the queue; from any
+    /// other thread the caller blocks until the owner has run it. If the owner
+    /// discards the event instead (its loop ends, or the queue is destroyed),
+    /// the caller is released with COM_ERROR_FAILURE. Any thread; the queue
+    /// takes the event over in every case but a null one.
     int SendEvent(IEvent* aEvent) override;
     uint64_t GetPendingEventsCount() override;
 
@@ -84,21 +88,37 @@ protected:
     // destroys them afterwards with DestroyEvents, outside that lock.
     void TakeAllEvents_l(std::list<IEvent*>& aEvents);
     static void DestroyEvents(const std::list<IEvent*>& aEvents);
+    // For the locked variants' destructors: refuses every later post (a
+    // sender's late trip back included), discards what is queued, which
+    // releases blocked senders, and waits until no sender is still inside
+    // this queue, so that none touches it once it is gone.
+    void CloseForDestruction(CMyMutex& aMutex);
+
+private:
+    int SendCounted(IEvent* aEvent);
+
+    // Threads inside SendEvent on this queue.
+    std::atomic<unsigned> m_nSenders;
 };
 
-// Carries one event of a cross-thread SendEvent and releases the sender once
-// the owner thread has run it. It travels the queue twice: the first trip runs
-// the event, the second (posted back by the sender) deletes the wrapper on the
-// owner thread.
+/// Carries one event of a cross-thread SendEvent and releases the sender once
+/// the owner thread has run it. It travels the queue twice: the first trip runs
+/// the event, the second (posted back by the sender) deletes the wrapper on the
+/// owner thread. Made and driven by EventQueueBase::SendEvent only.
 class SW_EXPORT ComEventSynchronous : public IEvent {
 public:
     ComEventSynchronous(IEvent* aEvent, EventQueueBase* aQueue);
     ~ComEventSynchronous() override;
 
+    /// Owner thread: runs the wrapped event once and releases the sender.
     int OnEventFire() override;
+    /// The first call destroys the wrapped event (and, when it never ran,
+    /// releases the sender as discarded); the second deletes the wrapper.
     void OnDestorySelf() override;
-    // Runs on the sender: waits for the result, then sends the wrapper back to
-    // the owner for deletion.
+    /// Sender thread: waits for the owner, returns the wrapped event's result
+    /// and sends the wrapper back to the owner for deletion. When the owner
+    /// discarded the event unfired, it traces one line, deletes the wrapper
+    /// itself and returns COM_ERROR_FAILURE.
     int WaitResultAndDeleteThis();
 
     IEvent* m_pEventPost;
@@ -111,6 +131,8 @@ private:
     // The wrapper is deleted by whichever OnDestorySelf() call finishes
     // second, so the owner's first call never races the sender's delete.
     std::atomic<int> m_nDestroyCalls;
+    std::atomic<bool> m_bRan;        // OnEventFire ran the wrapped event
+    std::atomic<bool> m_bDiscarded;  // destroyed unfired: the sender fails
 };
 
 // Locked by a mutex; the owner polls it from a loop that wakes for other reasons.
@@ -146,9 +168,17 @@ public:
     int PopOrWaitPendingEvents(std::list<IEvent*>& aEvents, ComTimeValueType* aTimeout,
                                unsigned long aMaxCount);
     void DestoryPendingEvents();
+    /// Ends the owner's current wait in PopOrWaitPendingEvents, or its next one
+    /// if it is not waiting yet, as a spurious wake-up would: the call returns
+    /// COM_ERROR_FAILURE with nothing popped when the queue is empty, so that
+    /// the owner's loop recomputes its deadline. Any thread.
+    void Wake();
 
     CMyMutex m_Mutex;
     ComConditionVariable m_Cond;
+
+private:
+    bool m_bWake;  // a Wake not yet seen by the owner; guarded by m_Mutex
 };
 
 #endif  // SYSTEM_WRAPPERS_COM_EVENT_QUEUE_H_

@@ -13,7 +13,10 @@
 #include "ComTimerQueue.h"
 #include "sw_export.h"
 
-// Order of use: construct, Create, later Stop, Join, Destory.
+/// The base of every thread the library starts. Order of use: construct,
+/// Create, later Stop, Join, Destory. Each thread asks the kernel for the
+/// smallest timer slack when it starts, so that its timed waits (and with
+/// them its timers) end when due rather than up to 50 us later.
 class SW_EXPORT BaseThread {
 public:
     enum {
@@ -96,11 +99,21 @@ public:
     // Meant for the thread itself, from StopThreadEvent.
     void SetStopFlag() override;
 
+    /// Schedules aHandler on this thread's timer queue (aCount 0 repeats for
+    /// ever); it fires on this thread. Any thread: scheduled from another
+    /// thread, it wakes the loop so that it fires on time. COM_OK for a new
+    /// timer; COM_ERROR_FAILURE when stopping, on bad arguments, and when an
+    /// earlier timer of aHandler was replaced (the new schedule holds).
     int ScheduleTimer(ITimerHandler* aHandler, void* aArg, const ComTimeValueType& aInterval,
                       unsigned long aCount);
+    /// Removes aHandler's timer: COM_OK, or COM_ERROR_FAILURE when it had
+    /// none. Any thread, also while the thread winds down.
     int CancelTimer(ITimerHandler* aHandler);
     // A refusal because the thread is stopping leaves the event with the caller.
     int PostEvent(IEvent* aEvent);
+    /// Runs aEvent on this thread and returns its result; blocks a caller on
+    /// another thread until then. COM_ERROR_FAILURE, and the event ends
+    /// unfired, when the thread's loop ends before running it. Any thread.
     int SendEvent(IEvent* aEvent);
 
     std::atomic<TimerQueueOrderedList*> m_pTimerQueue;
@@ -108,8 +121,8 @@ public:
     std::atomic<int> m_bStopFlag;
 };
 
-// Calls the client's function over and over until it returns false or the
-// thread is stopped.
+/// Calls the client's function over and over until it returns false or the
+/// thread is stopped. Runs with the smallest timer slack (see BaseThread).
 class SW_EXPORT ComUserThread : public BaseThread {
 public:
     ComUserThread(void* aArg, bool (*aFunc)(void*));

@@ -39,7 +39,8 @@ public:
     // Returns once the thread runs, with aId its kernel id; false when it
     // runs already or could not start. The thread then calls the function at
     // least once, and again while it returns true and the thread is alive.
-    // A thread that has ended may start again.
+    // A thread that has ended may start again. The thread asks the kernel for
+    // the smallest timer slack first, so its timed waits end when due.
     virtual bool Start(unsigned int& aId) = 0;
     // The loop ends after the current call of the function.
     virtual void SetNotAlive() = 0;

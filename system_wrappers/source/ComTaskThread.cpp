@@ -5,8 +5,11 @@
 #include <limits.h>
 #include <stdint.h>
 
+#include <sched.h>
+
 #include <new>
 
+#include "monotonic.h"
 #include "sw_trace.h"
 
 using sw::Addr;
@@ -43,6 +46,27 @@ int DeliverUnlessStopped(bool aStopped, const void* aThread, const char* aStoppe
     return rv;
 }
 
+// A task thread's timer queue. The loop sleeps on its event queue until the
+// earliest timer it saw, so a timer scheduled from another thread wakes it
+// to look again; the owner itself is awake when it schedules.
+class TaskTimerQueue final : public TimerQueueOrderedList {
+public:
+    explicit TaskTimerQueue(EventQueueUsingConditionVariable& aLoop)
+        : TimerQueueOrderedList(nullptr), m_loop(aLoop) {}
+
+    int ScheduleTimer(ITimerHandler* aEh, void* aToken, const ComTimeValueType& aInterval,
+                      unsigned long aCount) override {
+        const int rv = TimerQueueOrderedList::ScheduleTimer(aEh, aToken, aInterval, aCount);
+        if (!pthread_equal(m_loop.m_Tid.load(std::memory_order_acquire), pthread_self())) {
+            m_loop.Wake();
+        }
+        return rv;
+    }
+
+private:
+    EventQueueUsingConditionVariable& m_loop;
+};
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -59,10 +83,29 @@ void IEvent::OnDestorySelf() {
 IEventQueue::~IEventQueue() = default;
 
 EventQueueBase::EventQueueBase()
-    : m_nPendingCount(0), m_createTime(ComTimeValueType::GetTimeOfDay()), m_Tid(0), m_bStopped(0) {}
+    : m_nPendingCount(0),
+      m_createTime(ComTimeValueType::GetTimeOfDay()),
+      m_Tid(0),
+      m_bStopped(0),
+      m_nSenders(0) {}
 
 EventQueueBase::~EventQueueBase() {
     EventQueueBase::DestoryPendingEvents();
+}
+
+void EventQueueBase::CloseForDestruction(CMyMutex& aMutex) {
+    Stop();
+    std::list<IEvent*> events;
+    {
+        PattAutoLock<CMyMutex> lock(aMutex);
+        TakeAllEvents_l(events);
+    }
+    DestroyEvents(events);
+    // What is left of a sender is a few steps: the trip back, which the
+    // stopped queue now refuses, and leaving SendEvent.
+    while (m_nSenders.load(std::memory_order_acquire) != 0) {
+        sched_yield();
+    }
 }
 
 bool EventQueueBase::Admits(IEvent* aEvent, int aNullLine, const char* aStoppedText) {
@@ -93,6 +136,15 @@ int EventQueueBase::PostNode_l(std::list<IEvent*>& aNode) {
 }
 
 int EventQueueBase::SendEvent(IEvent* aEvent) {
+    // Counted from its first touch of the queue to its last, so that the
+    // queue's destruction waits for a sender still on its way out.
+    m_nSenders.fetch_add(1, std::memory_order_relaxed);
+    const int result = SendCounted(aEvent);
+    m_nSenders.fetch_sub(1, std::memory_order_release);
+    return result;
+}
+
+int EventQueueBase::SendCounted(IEvent* aEvent) {
     if (!Admits(aEvent, 294, "EventQueueBase::SendEvent, has been stopped.")) {
         return COM_ERROR_FAILURE;
     }
@@ -217,7 +269,9 @@ ComEventSynchronous::ComEventSynchronous(IEvent* aEvent, EventQueueBase* aQueue)
       m_pEventQueue(aQueue),
       m_bFired(0),
       m_SendEvent(0, 0, nullptr),
-      m_nDestroyCalls(0) {
+      m_nDestroyCalls(0),
+      m_bRan(false),
+      m_bDiscarded(false) {
     SW_ASSERT_LINE(525, m_pEventPost, "m_pEventPost");
     SW_ASSERT_LINE(526, m_pEventQueue, "m_pEventQueue");
 }
@@ -239,6 +293,7 @@ int ComEventSynchronous::OnEventFire() {
     }
     const int result = m_pEventPost != nullptr ? m_pEventPost->OnEventFire() : COM_ERROR_FAILURE;
     m_Result = result;
+    m_bRan.store(true, std::memory_order_release);
     m_SendEvent.Signal();
     return result;
 }
@@ -249,6 +304,12 @@ void ComEventSynchronous::OnDestorySelf() {
         m_pEventPost = nullptr;
         if (event != nullptr) {
             event->OnDestorySelf();
+        }
+        if (!m_bRan.load(std::memory_order_acquire)) {
+            // Discarded unfired: no answer will come, so the sender must not
+            // wait for one.
+            m_bDiscarded.store(true, std::memory_order_release);
+            m_SendEvent.Signal();
         }
     }
     if (m_nDestroyCalls.fetch_add(1, std::memory_order_acq_rel) == 1) {
@@ -263,6 +324,15 @@ int ComEventSynchronous::WaitResultAndDeleteThis() {
             "ComEventSynchronous::WaitResultAndDeleteThis, m_SendEvent.Wait() failed!, this="
             << Addr(this));
         return rv;
+    }
+    if (m_bDiscarded.load(std::memory_order_acquire)) {
+        SW_TRACE_ERROR(
+            "ComEventSynchronous::WaitResultAndDeleteThis, discarded before it ran, this="
+            << Addr(this));
+        // The discarding thread made the first call; this one deletes the
+        // wrapper, or leaves that to the first if it has not finished.
+        OnDestorySelf();
+        return COM_ERROR_FAILURE;
     }
     const int result = static_cast<int>(m_Result);
     if (m_pEventQueue != nullptr) {
@@ -279,7 +349,9 @@ int ComEventSynchronous::WaitResultAndDeleteThis() {
 
 ComEventQueueByMutex::ComEventQueueByMutex() = default;
 
-ComEventQueueByMutex::~ComEventQueueByMutex() = default;
+ComEventQueueByMutex::~ComEventQueueByMutex() {
+    CloseForDestruction(m_Mutex);
+}
 
 int ComEventQueueByMutex::PostEvent(IEvent* aEvent) {
     std::list<IEvent*> node(1, aEvent);
@@ -313,9 +385,18 @@ void ComEventQueueByMutex::DestoryPendingEvents() {
     DestroyEvents(events);
 }
 
-EventQueueUsingConditionVariable::EventQueueUsingConditionVariable() : m_Cond(m_Mutex) {}
+EventQueueUsingConditionVariable::EventQueueUsingConditionVariable()
+    : m_Cond(m_Mutex), m_bWake(false) {}
 
-EventQueueUsingConditionVariable::~EventQueueUsingConditionVariable() = default;
+EventQueueUsingConditionVariable::~EventQueueUsingConditionVariable() {
+    CloseForDestruction(m_Mutex);
+}
+
+void EventQueueUsingConditionVariable::Wake() {
+    PattAutoLock<CMyMutex> lock(m_Mutex);
+    m_bWake = true;
+    m_Cond.Signal();
+}
 
 int EventQueueUsingConditionVariable::PostEvent(IEvent* aEvent) {
     std::list<IEvent*> node(1, aEvent);
@@ -336,7 +417,9 @@ int EventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<IEvent*>&
                                                              ComTimeValueType* aTimeout,
                                                              unsigned long aMaxCount) {
     PattAutoLock<CMyMutex> lock(m_Mutex);
-    if (m_Events.empty()) {
+    // A Wake made before this call, while the owner was still computing its
+    // deadline, must not be lost: the owner does not wait at all then.
+    if (m_Events.empty() && !m_bWake) {
         // One wait, not a loop: a spurious wake-up just ends this call early.
         const int rv = m_Cond.Wait(aTimeout);
         if (rv != COM_OK && rv != COM_ERROR_TIMEOUT) {
@@ -347,6 +430,7 @@ int EventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<IEvent*>&
                 << ", this=" << Addr(this));
         }
     }
+    m_bWake = false;
     return EventQueueBase::PopPendingEvents(aEvents, aMaxCount, nullptr);
 }
 
@@ -456,6 +540,7 @@ void* BaseThread::ThreadProc(void* aArg) {
     if (!SW_ASSERT_LINE(725, pThread, "pThread")) {
         return nullptr;
     }
+    webrtc::UseSmallestTimerSlack();
     pThread->OnThreadInit();
     if (SW_ASSERT_LINE(736, pThread->m_pEvent4Start, "pThread->m_pEvent4Start")) {
         // The creator is released here and deletes the event itself.
@@ -550,7 +635,7 @@ ITimerQueue* ComTaskThread::GetTimerQueue() {
 
 int ComTaskThread::OnThreadInit() {
     SW_ASSERT_LINE(836, !m_pTimerQueue.load(), "!m_pTimerQueue");
-    TimerQueueOrderedList* queue = new (std::nothrow) TimerQueueOrderedList(nullptr);
+    TimerQueueOrderedList* queue = new (std::nothrow) TaskTimerQueue(m_EventQueue);
     delete m_pTimerQueue.exchange(queue, std::memory_order_acq_rel);
     SW_ASSERT_LINE(839, queue, "m_pTimerQueue");
     m_EventQueue.Reset2CurrentThreadId();

@@ -81,7 +81,13 @@ ComNetReactor::ComNetReactor()
     m_EventQueue.SetReactor(this);
 }
 
-ComNetReactor::~ComNetReactor() = default;
+ComNetReactor::~ComNetReactor() {
+    // A sender's late trip back would wake the loop through the pipe, which
+    // goes before the queue: refuse such trips first, and let one already
+    // under way finish.
+    m_EventQueue.Stop();
+    PattAutoLock<CMyMutex> settle(m_EventQueue.m_Mutex);
+}
 
 ComEventQueueWithReactor* ComNetReactor::get_event_queue() {
     return &m_EventQueue;

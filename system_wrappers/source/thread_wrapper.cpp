@@ -68,6 +68,7 @@ void ApplyPriority(const RunState& aRun) {
 void* RunThread(void* aRun) {
     RunState* run = static_cast<RunState*>(aRun);
     tls_run = run;
+    UseSmallestTimerSlack();
     if (run->name[0] != '\0') {
         char kernelName[kKernelNameLength + 1] = {};
         memcpy(kernelName, run->name, kKernelNameLength);
