@@ -8,10 +8,12 @@
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "system_wrappers.h"
 
@@ -36,6 +38,17 @@ inline void SetBatch(benchmark::State& aState, int64_t aOps) {
 // Bytes the heap hands out right now; the memory workloads take differences.
 inline int64_t HeapInUse() {
     return static_cast<int64_t>(mallinfo2().uordblks);
+}
+
+// How late the ticks of a periodic timer came, in microseconds: median, 99th
+// percentile and worst, and the drift the caller measured. The table script
+// prints these counters as a lateness table of their own.
+inline void ReportLateness(benchmark::State& aState, std::vector<double> aLateUs, double aDriftUs) {
+    std::sort(aLateUs.begin(), aLateUs.end());
+    aState.counters["late_p50_us"] = aLateUs[aLateUs.size() / 2];
+    aState.counters["late_p99_us"] = aLateUs[aLateUs.size() * 99 / 100];
+    aState.counters["late_max_us"] = aLateUs.back();
+    aState.counters["drift_us"] = aDriftUs;
 }
 
 // A one-shot flag another thread sets and this one waits for.

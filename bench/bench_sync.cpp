@@ -3,7 +3,6 @@
 // threads (std::shared_mutex), enter/leave of the critical section
 // (std::recursive_mutex), and how late each signal of a 10 ms periodic timer
 // comes over 5 s (a std::this_thread::sleep_until loop on the same schedule).
-#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -56,16 +55,7 @@ void CritSectStd(benchmark::State& aState) {
 }
 
 // Lateness of signal n is its arrival minus start + n periods; the drift is
-// the last one's. Reported in microseconds as counters; the time is the 5 s.
-void ReportLateness(benchmark::State& aState, std::vector<double>& aLateUs) {
-    const double drift = aLateUs.back();
-    std::sort(aLateUs.begin(), aLateUs.end());
-    aState.counters["late_p50_us"] = aLateUs[aLateUs.size() / 2];
-    aState.counters["late_p99_us"] = aLateUs[aLateUs.size() * 99 / 100];
-    aState.counters["late_max_us"] = aLateUs.back();
-    aState.counters["drift_us"] = drift;
-}
-
+// the last one's. The time reported is the 5 s.
 double MicrosSince(Clock::time_point aStart, int aSignal) {
     const auto due = aStart + std::chrono::milliseconds(aSignal * kTimerPeriodMs);
     return std::chrono::duration<double, std::micro>(Clock::now() - due).count();
@@ -84,7 +74,7 @@ void TimerLatenessLib(benchmark::State& aState) {
         }
         event->StopTimer();
     }
-    ReportLateness(aState, late);
+    bench::ReportLateness(aState, late, late.back());
 }
 
 void TimerLatenessStd(benchmark::State& aState) {
@@ -97,7 +87,7 @@ void TimerLatenessStd(benchmark::State& aState) {
             late.push_back(MicrosSince(start, n));
         }
     }
-    ReportLateness(aState, late);
+    bench::ReportLateness(aState, late, late.back());
 }
 
 const bool kRegistered = [] {

@@ -1,11 +1,18 @@
 // Timers: schedule plus cancel with 10, 100 and 1000 others queued, the cost of
 // firing one, and the memory a scheduled timer costs, on the library's timer
 // queue and on Asio's steady_timer. Both run on the benchmark thread, the way a
-// thread schedules on its own queue.
+// thread schedules on its own queue. Last, how late the ticks of a 10 ms
+// periodic timer come on a task thread and on an Asio thread.
+#include <sys/prctl.h>
+
 #include <boost/asio.hpp>
 
+#include <algorithm>
 #include <chrono>
+#include <functional>
 #include <memory>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "bench_support.h"
@@ -145,6 +152,136 @@ void MemoryPerTimerAsio(benchmark::State& aState) {
     aState.counters["bytes"] = bytes;
 }
 
+// Timer lateness. Wake-ups on a busy machine vary from minute to minute, so the
+// three implementations are measured in interleaved rounds of one measurement,
+// taken by whichever of their benchmarks runs first; each then reports its
+// share, and repetitions report the same figures.
+constexpr int64_t kTickPeriodUs = 10000;
+constexpr int kTicksPerRound = 100;  // 1 s
+constexpr int kRounds = 10;
+// What Linux gives a thread that asks for nothing; the library's threads ask
+// for the smallest slack when they start.
+constexpr unsigned long kKernelDefaultSlackNs = 50000;
+
+enum LatenessImpl { kTaskThread, kTaskThreadDefaultSlack, kAsioThread, kLatenessImpls };
+
+// Records how late each tick comes. The queue's grid runs on the wall clock
+// from the moment of scheduling, so lateness is read on that clock too.
+class LatenessTimer : public ITimerHandler {
+public:
+    LatenessTimer(std::vector<double>& aLateUs, bench::Signal& aDone)
+        : m_lateUs(aLateUs), m_done(aDone) {}
+
+    // On the task thread, the way a stream schedules its own timer.
+    bool Start(ComTaskThread* aThread) {
+        const ComTimeValueType now = ComTimeValueType::GetTimeOfDay();
+        m_dueNs = (now.GetSec() * int64_t{1000000} + now.GetUsec() + kTickPeriodUs) * 1000;
+        return aThread->ScheduleTimer(this, nullptr, ComTimeValueType(0, kTickPeriodUs),
+                                      kTicksPerRound) == COM_OK;
+    }
+
+    void OnTimeout(const ComTimeValueType&, void*) override {
+        const int64_t lateNs = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                   std::chrono::system_clock::now().time_since_epoch())
+                                   .count() -
+                               m_dueNs;
+        m_lateUs.push_back(lateNs / 1000.0);
+        // The queue skips the periods it missed instead of firing them in a burst.
+        m_dueNs += (lateNs / (kTickPeriodUs * 1000) + 1) * kTickPeriodUs * 1000;
+        if (++m_ticks == kTicksPerRound) m_done.Set();
+    }
+
+private:
+    std::vector<double>& m_lateUs;
+    bench::Signal& m_done;
+    int64_t m_dueNs = 0;
+    int m_ticks = 0;
+};
+
+// One round on a fresh task thread. A non-zero aSlackNs is set on that thread
+// before the timer starts.
+bool LibRound(unsigned long aSlackNs, std::vector<double>& aLateUs) {
+    bench::Signal done;
+    LatenessTimer timer(aLateUs, done);
+    bool ok = false;
+    bench::LibThread<ComTaskThread> thread;  // joined before the timer goes
+    if (ComThreadManger::GetInstance()->CreateTaskThread(thread.out()) != COM_OK) return false;
+    IEvent* start = bench::MakeEvent([&] {
+        ok = (aSlackNs == 0 || prctl(PR_SET_TIMERSLACK, aSlackNs, 0UL, 0UL, 0UL) == 0) &&
+             timer.Start(thread.get());
+        if (!ok) done.Set();
+    });
+    if (thread->PostEvent(start) != COM_OK) {
+        delete start;
+        return false;
+    }
+    done.Wait();
+    return ok;
+}
+
+// One round of a steady_timer re-armed on its own expiry, so that it keeps to
+// its grid, in an io_context run on a thread of its own like the task thread.
+bool AsioRound(std::vector<double>& aLateUs) {
+    const auto period = std::chrono::microseconds(kTickPeriodUs);
+    boost::asio::io_context io;
+    boost::asio::steady_timer timer(io);
+    int ticks = 0;
+    bool ok = true;
+    std::function<void(const boost::system::error_code&)> onTick =
+        [&](const boost::system::error_code& aError) {
+            const auto now = boost::asio::steady_timer::clock_type::now();
+            ok &= !aError;
+            aLateUs.push_back(
+                std::chrono::duration<double, std::micro>(now - timer.expiry()).count());
+            if (++ticks == kTicksPerRound || aError) return;
+            timer.expires_at(timer.expiry() + period);
+            timer.async_wait(onTick);
+        };
+    timer.expires_after(period);
+    timer.async_wait(onTick);
+    std::thread runner([&io] { io.run(); });
+    runner.join();
+    return ok && ticks == kTicksPerRound;
+}
+
+struct LatenessRun {
+    std::vector<double> lateUs[kLatenessImpls];
+    std::vector<double> lastUs[kLatenessImpls];  // each round's last tick
+    bool ok = true;
+};
+
+// The rounds; which implementation goes first moves on every round, so that
+// none always runs right after the same other.
+LatenessRun MeasureLateness() {
+    LatenessRun run;
+    for (int round = 0; round < kRounds && run.ok; ++round) {
+        for (int i = 0; i < kLatenessImpls && run.ok; ++i) {
+            const int impl = (round + i) % kLatenessImpls;
+            std::vector<double>& late = run.lateUs[impl];
+            if (impl == kAsioThread) {
+                run.ok = AsioRound(late);
+            } else {
+                run.ok =
+                    LibRound(impl == kTaskThreadDefaultSlack ? kKernelDefaultSlackNs : 0, late);
+            }
+            if (run.ok) run.lastUs[impl].push_back(late.back());
+        }
+    }
+    return run;
+}
+
+// The drift is the median of the rounds' last ticks: a grid that slipped would
+// show there.
+void TaskTimerLateness(benchmark::State& aState, int aImpl) {
+    static const LatenessRun kRun = MeasureLateness();
+    BENCH_REQUIRE(aState, kRun.ok);
+    for (auto _ : aState) {
+    }
+    std::vector<double> last = kRun.lastUs[aImpl];
+    std::nth_element(last.begin(), last.begin() + last.size() / 2, last.end());
+    bench::ReportLateness(aState, kRun.lateUs[aImpl], last[last.size() / 2]);
+}
+
 const bool kRegistered = [] {
     using bench::Name;
     for (int queued : {10, 100, 1000}) {
@@ -160,6 +297,15 @@ const bool kRegistered = [] {
         ->Iterations(1);
     benchmark::RegisterBenchmark(Name("memory_per_timer", bench::kAsio).c_str(), MemoryPerTimerAsio)
         ->Iterations(1);
+    const std::pair<const char*, int> lateness[] = {
+        {bench::kLib, kTaskThread},
+        {"lib_kernel_default_slack", kTaskThreadDefaultSlack},
+        {bench::kAsio, kAsioThread}};
+    for (const auto& [impl, index] : lateness) {
+        benchmark::RegisterBenchmark(Name("task_timer_lateness", impl).c_str(), TaskTimerLateness,
+                                     index)
+            ->Iterations(1);
+    }
     return true;
 }();
 
