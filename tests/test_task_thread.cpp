@@ -245,9 +245,10 @@ TEST(ComTaskThread, SendsReturnWhenDiscardedOrRacingTheOwnersEnd) {
     EXPECT_EQ(COM_ERROR_FAILURE, result.load());
     EXPECT_EQ(0, ledger.Fired(0));
     EXPECT_EQ(1, ledger.Destroyed(0));
-    EXPECT_EQ(1u, trace.CountMatching(
-                      kError, "ComEventSynchronous::WaitResultAndDeleteThis, discarded before "
-                              "it ran, this=0x[0-9a-f]+"));
+    EXPECT_EQ(1u,
+              trace.CountMatching(kError,
+                                  "ComEventSynchronous::WaitResultAndDeleteThis, discarded before "
+                                  "it ran, this=0x[0-9a-f]+"));
     EXPECT_TRUE(trace.Traced(kError, "ComTaskThread::SendEvent, failed" + This(thread)));
     EXPECT_EQ(0, manager->DestroyThread(thread));
 
@@ -260,9 +261,12 @@ TEST(ComTaskThread, SendsReturnWhenDiscardedOrRacingTheOwnersEnd) {
         ASSERT_EQ(0, manager->CreateTaskThread(thread));
         gHeld = 0;
         std::atomic<pthread_t> sender{};
+        std::atomic<pid_t> senderTid{0};
         std::thread racer([&] {
-            sender = pthread_self();
+            sender = pthread_self(), senderTid = gettid();
             EXPECT_EQ(7, thread->SendEvent(new LedgerEvent(ledger, 0, "", 7, [&] {
+                // Asleep in its wait, so it holds no lock the owner needs.
+                EXPECT_TRUE(WaitUntil([&] { return Asleep(senderTid); }));
                 pthread_kill(sender, SIGUSR1);
                 EXPECT_TRUE(WaitUntil([] { return gHeld == 1; }));
             })));

@@ -139,10 +139,12 @@ TEST(ThreadManager, TimerObjectOnAForeignThreadWithARecord) {
         ComTimerWrapper timer;
         // The thread drives its record's queue itself.
         ASSERT_EQ(COM_OK, timer.Schedule(&sink, ComTimeValueType(0, 1000), 2));
-        EXPECT_TRUE(WaitUntil([&] { return record->m_TimerQueue.CheckExpire(nullptr), sink.fired == 2; }));
+        EXPECT_TRUE(
+            WaitUntil([&] { return record->m_TimerQueue.CheckExpire(nullptr), sink.fired == 2; }));
         EXPECT_EQ(&timer, sink.lastTimer.load());
         EXPECT_EQ(COM_ERROR_FAILURE, timer.Cancel());  // the counted timer has left the queue
         manager->DestroyDummyThread(record);
     }).join();
-    EXPECT_EQ(0u, capture.CountMatching(kError, ".*(GetCurrentThreadPtr|GetTimerQueue|Schedule).*"));
+    EXPECT_EQ(0u,
+              capture.CountMatching(kError, ".*(GetCurrentThreadPtr|GetTimerQueue|Schedule).*"));
 }
