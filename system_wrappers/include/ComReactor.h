@@ -1,4 +1,5 @@
-// The select() network reactor, its wake-up pipe and the thread that runs it.
+// The network reactor, its wake-up handle and the thread that runs it. A
+// reactor waits with select() (the default) or epoll, its back end.
 #ifndef SYSTEM_WRAPPERS_COM_REACTOR_H_
 #define SYSTEM_WRAPPERS_COM_REACTOR_H_
 
@@ -7,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 
 #include "ComEventQueue.h"
 #include "ComSocket.h"
@@ -15,6 +17,9 @@
 #include "sw_export.h"
 
 class ComNetReactor;
+namespace sw {
+class ReactorBackend;
+}  // namespace sw
 
 // Anything registered with a reactor. Callbacks run on the reactor thread;
 // the reactor ignores their results.
@@ -52,15 +57,17 @@ public:
     ComTcpClient _sockets[2];
 };
 
-// The reactor's wake-up handle: any thread writes a 4-byte token, and the
-// reactor thread reads it back in on_input and runs posted events.
+/// The reactor's wake-up handle: any thread writes a token, and the reactor
+/// thread reads exactly one back per on_input and runs posted events. On the
+/// select back end the token is 4 bytes through the loopback pipe; on the
+/// epoll back end it is one count of an eventfd, and the pipe stays closed.
 class SW_EXPORT ComPipeNotify : public ComReactorBase {
 public:
     ComPipeNotify();
     ~ComPipeNotify() override;
 
     void set_reactor(ComNetReactor* aReactor);
-    // Opens the pipe and registers its read end for reading.
+    // Opens the pipe (or the eventfd) and registers it for reading.
     int open();
     // Unregisters, closes the pipe and forgets the reactor for good.
     int close();
@@ -81,6 +88,7 @@ private:
     // The write end is one socket object whose error field every call
     // rewrites: concurrent notify calls, and close, take turns on it.
     CMyMutex m_WriteMutex;
+    std::atomic<int> m_eventFd;  // the epoll back end's wake-up, -1 otherwise
 };
 
 // The reactor's event queue: a post that makes it non-empty wakes the loop.
@@ -95,10 +103,36 @@ public:
     ComNetReactor* m_pReactor;  // not owned
 };
 
-// The single-threaded select() loop. Everything but posting to its queue and
-// notify_handle runs on the reactor thread: the handle table has no lock.
+/// The single-threaded network loop. Everything but posting to its queue and
+/// notify_handle runs on the reactor thread: the handle table has no lock.
+///
+/// It runs on one of two back ends, fixed when it is constructed:
+/// - BACKEND_SELECT: select(), watching at most 1024 handles whose descriptors
+///   are below 1024, woken through a loopback TCP connection;
+/// - BACKEND_EPOLL (Linux): level-triggered epoll, watching as many handles as
+///   the process may open, woken through an eventfd.
+/// Both keep the same rules: the mask bits, registration results and traces,
+/// ready handles called in ascending descriptor order from a copy of their
+/// entries, timers checked before every wait, at most 5 events per wake.
+/// A reactor that cannot make its epoll instance traces one error line and
+/// runs on select.
 class SW_EXPORT ComNetReactor {
 public:
+    /// The back ends, for set_default_backend and get_backend.
+    enum {
+        BACKEND_SELECT = 0,
+        BACKEND_EPOLL = 1,
+    };
+
+    /// Chooses the back end of the reactors constructed after the call (a
+    /// reactor thread's reactor is constructed by CreateReactorThread); those
+    /// already made keep theirs. 0, or -1 with a trace line for an unknown
+    /// back end or one this system lacks (the choice then stays). The build's
+    /// SW_REACTOR_BACKEND option gives the choice before any call. Any thread.
+    static int set_default_backend(int aBackend);
+    /// The back end that reactors constructed now get. Any thread.
+    static int get_default_backend();
+
     struct SW_EXPORT InScrNetElem {
         InScrNetElem();
         InScrNetElem(ComReactorBase* aHandler, long aMask);
@@ -114,6 +148,8 @@ public:
 
     virtual ComEventQueueWithReactor* get_event_queue();
     virtual TimerQueueOrderedList* get_timer_queue();
+    /// The back end this reactor runs on (see the class comment). Any thread.
+    int get_backend() const;
 
     // On the reactor thread: binds the queue to it and opens the wake-up pipe.
     int init();
@@ -129,8 +165,9 @@ public:
     int notify_handle();
     // Runs at most 5 posted events; asks for another turn if more are left.
     int process_event();
-    // 0 after a stop, -2 with nothing to watch, -1 when select() fails.
+    // 0 after a stop, -2 with nothing to watch, -1 when the wait fails.
     int run_loop();
+    // The select back end's two halves of a turn.
     int build_socket_set(fd_set& aReadSet, fd_set& aWriteSet, int& aMaxHandle);
     int process_handle(unsigned long aCount, fd_set& aReadSet, fd_set& aWriteSet);
 
@@ -142,6 +179,9 @@ public:
     // Monotonic time (ns) before which build_socket_set does not report
     // descriptors beyond the fd_set again: once a second, not once a turn.
     int64_t m_NextRangeTraceNs;
+
+private:
+    std::unique_ptr<sw::ReactorBackend> m_pBackend;  // never null
 };
 
 /// A thread that runs one reactor, which it owns. Posting to it or scheduling

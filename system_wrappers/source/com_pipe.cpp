@@ -1,8 +1,12 @@
 // The loopback socket pair that wakes a reactor, and the handle that reads it.
 #include <errno.h>
 #include <poll.h>
+#include <stdint.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#ifdef __linux__
+#include <sys/eventfd.h>
+#endif
 
 #include <chrono>
 
@@ -64,6 +68,17 @@ int AcceptOwn(ComTcpServer& aListener, ComTcpClient& aWriteEnd) {
         }
         ::close(accepted);
     }
+}
+
+// The epoll back end's wake-up: no port and no socket pair. In semaphore
+// mode each read takes back one count, as each pipe read takes one token.
+int OpenEventFd() {
+#ifdef __linux__
+    return eventfd(0, EFD_SEMAPHORE | EFD_NONBLOCK | EFD_CLOEXEC);
+#else
+    errno = ENOSYS;
+    return -1;
+#endif
 }
 
 }  // namespace
@@ -131,7 +146,7 @@ int ComPipe::get_read_handle() const {
 // ---------------------------------------------------------------------------
 // Wake-up handle
 
-ComPipeNotify::ComPipeNotify() : _reactor(nullptr) {}
+ComPipeNotify::ComPipeNotify() : _reactor(nullptr), m_eventFd(-1) {}
 
 ComPipeNotify::~ComPipeNotify() = default;
 
@@ -143,10 +158,20 @@ int ComPipeNotify::open() {
     if (!SW_ASSERT_LINE(__LINE__, _reactor != nullptr, "_reactor != NULL")) {
         return -1;
     }
-    const int rv = _pipe.open();
-    if (rv != 0) {
-        SW_TRACE_ERROR("[COM]:open, pipe open failed, this=" << Addr(this));
-        return rv;
+    if (_reactor->get_backend() == ComNetReactor::BACKEND_EPOLL) {
+        const int fd = OpenEventFd();
+        if (fd == -1) {
+            SW_TRACE_ERROR("[COM]:open, eventfd failed, err=" << errno << ", this=" << Addr(this));
+            return -1;
+        }
+        PattAutoLock<CMyMutex> lock(m_WriteMutex);
+        m_eventFd = fd;
+    } else {
+        const int rv = _pipe.open();
+        if (rv != 0) {
+            SW_TRACE_ERROR("[COM]:open, pipe open failed, this=" << Addr(this));
+            return rv;
+        }
     }
     return _reactor->register_handle(this, ComReactorBase::READ_MASK);
 }
@@ -156,14 +181,28 @@ int ComPipeNotify::close() {
         _reactor->unregister_handle(this);
     }
     PattAutoLock<CMyMutex> lock(m_WriteMutex);
+    const int eventFd = m_eventFd.exchange(-1);
+    if (eventFd != -1) {
+        ::close(eventFd);
+    }
     _pipe.close();
     _reactor = nullptr;
     return 0;
 }
 
 int ComPipeNotify::notify() {
-    const char token[kTokenSize] = {};
     PattAutoLock<CMyMutex> lock(m_WriteMutex);
+    const int eventFd = m_eventFd.load();
+    if (eventFd != -1) {
+        const uint64_t one = 1;
+        if (::write(eventFd, &one, sizeof(one)) != static_cast<ssize_t>(sizeof(one))) {
+            SW_TRACE_ERROR("[COM]:notify, eventfd write failed, err=" << errno
+                                                                      << ", this=" << Addr(this));
+            return -1;
+        }
+        return 0;
+    }
+    const char token[kTokenSize] = {};
     return _pipe.write(token, kTokenSize);
 }
 
@@ -172,8 +211,17 @@ int ComPipeNotify::on_input() {
         return -1;
     }
     // One token per call: posts write one per wake-up they need.
-    char token[kTokenSize];
-    _pipe.read(token, kTokenSize);
+    const int eventFd = m_eventFd.load();
+    if (eventFd != -1) {
+        uint64_t count = 0;
+        if (::read(eventFd, &count, sizeof(count)) == -1 && errno != EAGAIN) {
+            SW_TRACE_ERROR("[COM]:on_input, eventfd read failed, err=" << errno
+                                                                       << ", this=" << Addr(this));
+        }
+    } else {
+        char token[kTokenSize];
+        _pipe.read(token, kTokenSize);
+    }
     return _reactor->process_event();
 }
 
@@ -186,5 +234,6 @@ int ComPipeNotify::on_close() {
 }
 
 int ComPipeNotify::get_handle() {
-    return _pipe.get_read_handle();
+    const int eventFd = m_eventFd.load();
+    return eventFd != -1 ? eventFd : _pipe.get_read_handle();
 }

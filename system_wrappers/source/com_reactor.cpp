@@ -1,10 +1,9 @@
-// The select() network reactor and its event queue.
-#include <sys/time.h>
-
+// The network reactor and its event queue; the back ends that wait for its
+// handles live in com_reactor_select.cpp and com_reactor_epoll.cpp.
 #include <vector>
 
 #include "ComReactor.h"
-#include "monotonic.h"
+#include "reactor_backend.h"
 #include "sw_trace.h"
 
 using sw::Addr;
@@ -16,19 +15,13 @@ const char kFile[] = "com_reactor";
 // Events run per wake-up, so a flood of posts cannot starve sockets and timers.
 constexpr unsigned long kEventsPerWake = 5;
 
-// select() watches at most this many entries per turn.
-constexpr int kMaxWatched = 1024;
+#ifdef SW_DEFAULT_REACTOR_BACKEND_EPOLL
+constexpr int kBuildDefaultBackend = ComNetReactor::BACKEND_EPOLL;
+#else
+constexpr int kBuildDefaultBackend = ComNetReactor::BACKEND_SELECT;
+#endif
 
-// Only descriptors inside the fd_set may be put into one or tested: anything
-// else would write outside the set.
-bool FitsFdSet(int aHandle) {
-    return aHandle >= 0 && aHandle < FD_SETSIZE;
-}
-
-bool WatchesAny(long aMask) {
-    return (aMask & (ComReactorBase::READ_MASK | ComReactorBase::READ_MASK_2 |
-                     ComReactorBase::WRITE_MASK)) != 0;
-}
+std::atomic<int> gDefaultBackend(kBuildDefaultBackend);
 
 }  // namespace
 
@@ -79,6 +72,12 @@ ComNetReactor::ComNetReactor()
     : m_TimerQueue(nullptr), m_bStop(false), m_NextRangeTraceNs(INT64_MIN) {
     m_PipeNotify.set_reactor(this);
     m_EventQueue.SetReactor(this);
+    if (gDefaultBackend.load(std::memory_order_acquire) == BACKEND_EPOLL) {
+        m_pBackend = sw::MakeEpollBackend(*this);  // null after its error line
+    }
+    if (m_pBackend == nullptr) {
+        m_pBackend = sw::MakeSelectBackend(*this);
+    }
 }
 
 ComNetReactor::~ComNetReactor() {
@@ -87,6 +86,23 @@ ComNetReactor::~ComNetReactor() {
     // under way finish.
     m_EventQueue.Stop();
     PattAutoLock<CMyMutex> settle(m_EventQueue.m_Mutex);
+}
+
+int ComNetReactor::set_default_backend(int aBackend) {
+    if (aBackend != BACKEND_SELECT && !(aBackend == BACKEND_EPOLL && sw::HaveEpoll())) {
+        SW_TRACE_ERROR("[COM]:set_default_backend, unknown or unavailable, backend=" << aBackend);
+        return -1;
+    }
+    gDefaultBackend.store(aBackend, std::memory_order_release);
+    return 0;
+}
+
+int ComNetReactor::get_default_backend() {
+    return gDefaultBackend.load(std::memory_order_acquire);
+}
+
+int ComNetReactor::get_backend() const {
+    return m_pBackend->kind();
 }
 
 ComEventQueueWithReactor* ComNetReactor::get_event_queue() {
@@ -125,12 +141,8 @@ int ComNetReactor::register_handle(ComReactorBase* aHandler, long aMask) {
         return -1;
     }
     const int handle = aHandler->get_handle();
-    if (WatchesAny(aMask) && !FitsFdSet(handle)) {
-        // Registered all the same; the loop only reminds of it once a second.
-        SW_TRACE_ERROR("[COM]:register_handle, handle out of fd_set range, handle="
-                       << handle << ", limit=" << FD_SETSIZE << ", this=" << Addr(this));
-    }
     m_Handles[handle] = InScrNetElem(aHandler, aMask);
+    m_pBackend->watch(handle, aMask);
     return 0;
 }
 
@@ -144,6 +156,7 @@ int ComNetReactor::unregister_handle(ComReactorBase* aHandler) {
                        << Addr(aHandler) << ", handle=" << handle << ", this=" << Addr(this));
         return -1;
     }
+    m_pBackend->unwatch(handle);
     return 0;
 }
 
@@ -157,6 +170,9 @@ void ComNetReactor::clear_net_handle() {
     }
     for (ComReactorBase* handler : handlers) {
         handler->on_close();
+    }
+    for (const auto& entry : m_Handles) {
+        m_pBackend->unwatch(entry.first);
     }
     m_Handles.clear();
 }
@@ -190,114 +206,9 @@ int ComNetReactor::run_loop() {
         }
         ComTimeValueType remain = ComTimeValueType::s_tvMax;
         m_TimerQueue.CheckExpire(&remain);
-        timeval timeout = {};
-        timeval* wait = nullptr;
-        if (!(remain == ComTimeValueType::s_tvMax)) {
-            if (remain > ComTimeValueType::s_tvZero) {
-                timeout.tv_sec = remain.GetSec();
-                timeout.tv_usec = remain.GetUsec();
-            }
-            wait = &timeout;
-        }
-        fd_set readSet;
-        fd_set writeSet;
-        int maxHandle = 0;
-        if (build_socket_set(readSet, writeSet, maxHandle) == 0) {
-            SW_TRACE_ERROR("[COM]:run_loop, no sockets, this=" << Addr(this));
-            return -2;
-        }
-        const int ready = select(maxHandle, &readSet, &writeSet, nullptr, wait);
-        if (ready == -1) {
-            SW_TRACE_ERROR("[COM]:run_loop, select failed, this=" << Addr(this));
-            return -1;
-        }
-        if (ready > 0) {
-            process_handle(static_cast<unsigned long>(ready), readSet, writeSet);
+        const int rv = m_pBackend->wait(remain == ComTimeValueType::s_tvMax ? nullptr : &remain);
+        if (rv != 0) {
+            return rv;
         }
     }
-}
-
-int ComNetReactor::build_socket_set(fd_set& aReadSet, fd_set& aWriteSet, int& aMaxHandle) {
-    FD_ZERO(&aReadSet);
-    FD_ZERO(&aWriteSet);
-    int count = 0;
-    int maxHandle = 0;
-    int outOfRange = 0;
-    int firstOutOfRange = 0;
-    auto it = m_Handles.begin();
-    for (; it != m_Handles.end() && count < kMaxWatched; ++it) {
-        const int handle = it->first;
-        const long mask = it->second.m_lMask;
-        const bool read = (mask & (ComReactorBase::READ_MASK | ComReactorBase::READ_MASK_2)) != 0;
-        const bool write = (mask & ComReactorBase::WRITE_MASK) != 0;
-        if (!read && !write) {
-            continue;
-        }
-        if (!FitsFdSet(handle)) {
-            if (outOfRange++ == 0) {
-                firstOutOfRange = handle;
-            }
-            continue;
-        }
-        if (read) {
-            FD_SET(handle, &aReadSet);
-        }
-        if (write) {
-            FD_SET(handle, &aWriteSet);
-        }
-        if (handle > maxHandle) {
-            maxHandle = handle;
-        }
-        ++count;
-    }
-    // One line however many there are, and at most one a second while they
-    // stay registered: the loop may turn thousands of times a second.
-    const int64_t now = outOfRange != 0 ? webrtc::MonotonicNowNs() : 0;
-    if (outOfRange != 0 && now >= m_NextRangeTraceNs) {
-        m_NextRangeTraceNs = now + webrtc::kNsPerSecond;
-        SW_TRACE_ERROR("[COM]:build_socket_set, handle out of fd_set range, handle="
-                       << firstOutOfRange << ", skipped=" << outOfRange << ", limit=" << FD_SETSIZE
-                       << ", this=" << Addr(this));
-    }
-    if (it != m_Handles.end()) {
-        SW_TRACE_ERROR("[COM]:build_socket_set, too many sockets, this=" << Addr(this));
-    }
-    if (count != 0) {
-        aMaxHandle = maxHandle + 1;
-    }
-    return count;
-}
-
-int ComNetReactor::process_handle(unsigned long aCount, fd_set& aReadSet, fd_set& aWriteSet) {
-    struct Ready {
-        int handle;
-        ComReactorBase* handler;
-    };
-    // Handlers may register and unregister during the callbacks, so the walk
-    // runs over a snapshot. Entries in neither set would be skipped anyway.
-    std::vector<Ready> ready;
-    ready.reserve(aCount);
-    for (const auto& entry : m_Handles) {
-        const int handle = entry.first;
-        if (FitsFdSet(handle) && (FD_ISSET(handle, &aReadSet) || FD_ISSET(handle, &aWriteSet))) {
-            ready.push_back(Ready{handle, entry.second.m_pHandler});
-        }
-    }
-    for (const Ready& entry : ready) {
-        if (aCount == 0) {
-            break;
-        }
-        if (FD_ISSET(entry.handle, &aReadSet)) {
-            --aCount;
-            entry.handler->on_input();
-        }
-        if (FD_ISSET(entry.handle, &aWriteSet)) {
-            if (!SW_ASSERT_LINE(__LINE__, aCount != 0, "fd_num != 0")) {
-                return 0;
-            }
-            --aCount;
-            entry.handler->on_output();
-        }
-    }
-    return 0;
 }
