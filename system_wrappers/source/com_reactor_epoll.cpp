@@ -31,20 +31,21 @@ public:
 
     void watch(int aHandle, long aMask) override {
         const uint32_t events = EventsFor(aMask);
-        auto it = m_watched.find(aHandle);
         if (events == 0) {
             unwatch(aHandle);
             return;
         }
-        if (it != m_watched.end() && it->second.alwaysReady) {
-            it->second.events = events;
-            return;
+        // An always-ready entry is asked again: its number may now be a socket.
+        auto it = m_watched.find(aHandle);
+        const bool inSet = it != m_watched.end() && !it->second.alwaysReady;
+        if (it != m_watched.end() && !inSet) {
+            --m_alwaysReady;
+            m_watched.erase(it);
         }
         epoll_event change = {};
         change.events = events;
         change.data.fd = aHandle;
-        int rv = epoll_ctl(m_epoll, it == m_watched.end() ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, aHandle,
-                           &change);
+        int rv = epoll_ctl(m_epoll, inSet ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, aHandle, &change);
         // A descriptor closed without unregistering left the set on its own,
         // and its number may come back: whichever of add and modify fits.
         if (rv == -1 && errno == EEXIST) {
@@ -55,6 +56,7 @@ public:
         if (rv == -1 && errno == EPERM) {
             // Regular files and directories are always ready to select(), and
             // so they are here.
+            unwatch(aHandle);
             m_watched[aHandle] = Watch{events, true};
             ++m_alwaysReady;
             return;
@@ -63,9 +65,7 @@ public:
             // Registered all the same, as select() would take it, but never ready.
             SW_TRACE_ERROR("[COM]:register_handle, epoll_ctl failed, handle="
                            << aHandle << ", err=" << errno << ", this=" << Addr(&m_reactor));
-            if (it != m_watched.end()) {
-                m_watched.erase(it);
-            }
+            unwatch(aHandle);
             return;
         }
         m_watched[aHandle] = Watch{events, false};
