@@ -1,12 +1,15 @@
 // The reactor, its wake-up pipe and the reactor thread.
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 
+#include <deque>
 #include <regex>
 
 #include "test_support.h"
@@ -30,13 +33,31 @@ struct CountingHandle : ComReactorBase {
     std::function<void()> onInput;
 };
 
+// Both back ends keep the same rules, so every reactor test runs on each.
+class Reactor : public ::testing::TestWithParam<int> {
+protected:
+    void SetUp() override { ASSERT_EQ(0, ComNetReactor::set_default_backend(GetParam())); }
+    void TearDown() override { ComNetReactor::set_default_backend(m_saved); }
+    const int m_saved = ComNetReactor::get_default_backend();
+    const bool m_epoll = GetParam() == ComNetReactor::BACKEND_EPOLL;
+};
+
 }  // namespace
 
-TEST(Reactor, WatchedSetLimitsWakeTokensAndEventTurns) {
+INSTANTIATE_TEST_SUITE_P(
+    , Reactor, ::testing::Values(ComNetReactor::BACKEND_SELECT, ComNetReactor::BACKEND_EPOLL),
+    [](const auto& aInfo) { return std::string(aInfo.param ? "epoll" : "select"); });
+
+TEST_P(Reactor, WatchedSetLimitsWakeTokensAndEventTurns) {
     TraceCapture capture;
     ProcessResources before;
     {
         ComNetReactor reactor;
+        ASSERT_EQ(GetParam(), reactor.get_backend());
+        EXPECT_EQ(-1, ComNetReactor::set_default_backend(7));  // and the choice stays
+        EXPECT_TRUE(
+            capture.Traced(kError, "[COM]:set_default_backend, unknown or unavailable, backend=7"));
+        EXPECT_EQ(GetParam(), ComNetReactor::get_default_backend());
         CountingHandle any(0);  // the table is keyed by descriptor: one object serves for all
         for (; any.fd < 1100; ++any.fd) reactor.register_handle(&any, any.fd % 2 ? 1 : 8);
         fd_set readSet, writeSet;
@@ -47,7 +68,7 @@ TEST(Reactor, WatchedSetLimitsWakeTokensAndEventTurns) {
             capture.Traced(kError, "[COM]:build_socket_set, too many sockets" + This(&reactor)));
 
         // Re-registering replaces; a descriptor beyond the set is never put in one.
-        reactor.m_Handles.clear();
+        reactor.clear_net_handle();
         CountingHandle low(7), high(FD_SETSIZE + 5), higher(FD_SETSIZE + 9);
         reactor.register_handle(&low, 1);
         reactor.register_handle(&low, 2);
@@ -60,7 +81,9 @@ TEST(Reactor, WatchedSetLimitsWakeTokensAndEventTurns) {
         const std::string end = ", limit=" + std::to_string(FD_SETSIZE) + This(&reactor);
         EXPECT_TRUE(
             capture.Traced(kError, "[COM]:build_socket_set, " + range + ", skipped=2" + end));
-        EXPECT_TRUE(capture.Traced(kError, "[COM]:register_handle, " + range + end));
+        const std::string warning =
+            m_epoll ? "epoll_ctl failed, handle=1029, err=9" + This(&reactor) : range + end;
+        EXPECT_TRUE(capture.Traced(kError, "[COM]:register_handle, " + warning));
         EXPECT_EQ(0, reactor.unregister_handle(&high));
         EXPECT_EQ(-1, reactor.unregister_handle(&high));
         EXPECT_EQ(-1, reactor.unregister_handle(nullptr));
@@ -69,19 +92,20 @@ TEST(Reactor, WatchedSetLimitsWakeTokensAndEventTurns) {
         EXPECT_TRUE(capture.Traced(
             kError, "[COM]:unregister_handle, not found, ptr=" + This(&high).substr(7) +
                         ", handle=" + std::to_string(FD_SETSIZE + 5) + This(&reactor)));
-        reactor.m_Handles.clear();  // the fake descriptors could clash with the pipe's
+        reactor.clear_net_handle();  // the fake descriptors could clash with the wake-up's
 
         ASSERT_EQ(0, reactor.init());
         const int readEnd = reactor.m_PipeNotify.get_handle();
-        int bytes = 0;  // of wake tokens waiting in the pipe
-        auto pendingBytes = [&] { return ioctl(readEnd, FIONREAD, &bytes), bytes; };
+        EXPECT_EQ(m_epoll, reactor.m_PipeNotify._pipe.get_read_handle() == -1);  // no port on epoll
+        pollfd token{readEnd, POLLIN, 0};
+        auto pending = [&] { return poll(&token, 1, 0) == 1; };  // a wake token
         // 12 posts write one token; the reactor comes back for the rest itself.
         ComEventQueueWithReactor* queue = reactor.get_event_queue();
-        int fired = 0;
+        int fired = 0, bytes = 0;
         for (int i = 0; i < 12; ++i) queue->PostEvent(new FnEvent([&] { ++fired; }));
-        EXPECT_EQ(4, pendingBytes());
+        EXPECT_TRUE(m_epoll || (ioctl(readEnd, FIONREAD, &bytes) == 0 && bytes == 4));
         std::vector<int> turns;
-        for (int before = 0; pendingBytes() > 0; before = fired) {
+        for (int before = 0; pending(); before = fired) {
             reactor.m_PipeNotify.on_input();
             turns.push_back(fired - before);
         }
@@ -89,15 +113,14 @@ TEST(Reactor, WatchedSetLimitsWakeTokensAndEventTurns) {
 
         // A spare token costs one empty pass, nothing else.
         for (int i = 0; i < 2; ++i) reactor.notify_handle();
-        for (int i = 0; i < 2; ++i) reactor.m_PipeNotify.on_input();
-        EXPECT_EQ(0, pendingBytes());
+        std::vector<bool> left;  // each pass takes one token
+        for (int i = 0; i < 2; ++i) reactor.m_PipeNotify.on_input(), left.push_back(pending());
+        EXPECT_EQ((std::vector<bool>{true, false}), left);
 
         // The stop flag ends the loop at its next turn, closing what is left. A readable and
         // writable handle that unregisters in on_input gets that pass's on_output, then nothing.
-        int pair[2];
-        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
-        ASSERT_EQ(1, write(pair[0], "x", 1));
-        CountingHandle handle(readEnd + 100), leaving(pair[1]);
+        const int file = open("/proc/self/exe", O_RDONLY);  // regular: always ready, on epoll too
+        CountingHandle handle(readEnd + 100), leaving(file);
         leaving.onInput = [&] { reactor.unregister_handle(&leaving); };
         reactor.register_handle(&handle, 4);  // a mask bit that watches nothing
         reactor.register_handle(&high, 1);
@@ -110,9 +133,9 @@ TEST(Reactor, WatchedSetLimitsWakeTokensAndEventTurns) {
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(0, reactor.run_loop());
         const auto took = std::chrono::steady_clock::now() - start;
-        EXPECT_EQ(50, loops);  // two lines from above, one at registration, one on the first turn
-        EXPECT_LE(capture.CountMatching(kError, ".*" + range + ",.*"),
-                  4u + std::chrono::duration_cast<std::chrono::seconds>(took).count());
+        EXPECT_EQ(50, loops);  // two lines above, one at registration, one on select's first turn
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(took).count();
+        EXPECT_LE(capture.CountMatching(kError, ".*" + range + ",.*"), m_epoll ? 1 : 4 + seconds);
         EXPECT_EQ(1, handle.closes);
         EXPECT_EQ(0, leaving.closes);
         EXPECT_EQ(1, leaving.inputs);
@@ -120,10 +143,10 @@ TEST(Reactor, WatchedSetLimitsWakeTokensAndEventTurns) {
         EXPECT_TRUE(reactor.m_Handles.empty());
         EXPECT_TRUE(capture.Traced(kInfo, "[COM]:un_init" + This(&reactor)));
         EXPECT_NE(COM_OK, queue->PostEvent(new FnEvent([] {})));
-        for (int fd : pair) close(fd);
+        close(file);
     }
     EXPECT_TRUE(before.Same());
-    EXPECT_EQ(0u, capture.CountMatching(kError, ".*recv failed.*"));
+    EXPECT_EQ(0u, capture.CountMatching(kError, ".*(recv|read) failed.*"));
 
     // Without a reactor the wake-up handle refuses to work.
     ComPipeNotify orphan;
@@ -133,7 +156,7 @@ TEST(Reactor, WatchedSetLimitsWakeTokensAndEventTurns) {
               capture.CountMatching(kError, ".*/com_pipe: \\d+, assert failed, _reactor != NULL"));
 }
 
-TEST(Reactor, WakeUpPipeTakesOnlyItsOwnConnection) {
+TEST(ComPipe, TakesOnlyItsOwnConnection) {
     // A seccomp filter holds the opening thread in connect while an intruder connects first.
     ProcessResources before;
     ComPipe pipe;
@@ -170,17 +193,51 @@ TEST(Reactor, WakeUpPipeTakesOnlyItsOwnConnection) {
     EXPECT_TRUE(before.Same());  // the intruder's connection was closed, not kept
 }
 
-TEST(ReactorThread, SleepsWithoutTimeoutWakesFromAnyThreadAndEndsCleanly) {
+TEST_P(Reactor, ThreadServesSleepsWakesFromAnyThreadAndEndsCleanly) {
+    rlimit files{}, raised{};
+    getrlimit(RLIMIT_NOFILE, &files);
+    raised = {std::max<rlim_t>(files.rlim_cur, 4096), files.rlim_max};
+    if (m_epoll && setrlimit(RLIMIT_NOFILE, &raised) != 0) GTEST_SKIP() << "needs 4096 fds";
     TraceCapture capture;
-    ComThreadManger* manager = ComThreadManger::GetInstance();
+    ProcessResources before;
+    // On epoll, 3000 handles first: the reactor's own descriptors and a connection land past 1024.
     ComReactorThread* reactor = nullptr;
+    std::deque<CountingHandle> handles;
+    std::vector<int> expected, order;
+    for (int i = 0; m_epoll && i < 3000; ++i) {
+        CountingHandle& h = handles.emplace_back(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+        h.onInput = [&] { order.push_back(h.fd), reactor->UnRegisterHandle(&h); };
+        if (i % 600 == 599) expected.push_back(h.fd);
+    }
+    ComThreadManger* manager = ComThreadManger::GetInstance();
     ASSERT_EQ(0, manager->CreateReactorThread(reactor));
+    ASSERT_EQ(GetParam(), reactor->_reactor->get_backend());
+    ComPipe tcp;  // a loopback connection
+    CountingHandle connection(-1);
+    connection.onInput = [&] { reactor->UnRegisterHandle(&connection); };
+    if (m_epoll) {  // no cap; ready in descending order, called ascending, the connection last
+        ASSERT_EQ(0, tcp.open());
+        ASSERT_GT(connection.fd = tcp.get_read_handle(), FD_SETSIZE);
+        RunOn(reactor, [&] {
+            for (CountingHandle& h : handles) EXPECT_EQ(0, reactor->RegisterHandle(&h, 8));
+            EXPECT_EQ(0, reactor->RegisterHandle(&connection, 1));
+            for (auto fd = expected.rbegin(); fd != expected.rend(); ++fd) eventfd_write(*fd, 1);
+        });
+        EXPECT_EQ(0, tcp.write("hello", 5));
+        EXPECT_TRUE(WaitUntil([&] { return connection.inputs == 1; }));
+        EXPECT_EQ(expected, order);
+        EXPECT_EQ("hello", RecvExactly(tcp._sockets[0], 5));
+    }
+
+    // No timers, nothing watched is ready (what is left unread was unregistered), so no spinning:
+    // select, pselect6, epoll_pwait2 wait with a null time-out, epoll_wait and epoll_pwait with -1.
     pid_t kernelTid = 0;
     RunOn(reactor, [&] { kernelTid = gettid(); });
-    // No timers: select (23) or pselect6 (270) waits with a null time-out, never spinning.
     const std::string call = "/proc/self/task/" + std::to_string(kernelTid) + "/syscall";
-    const std::regex sleepsForever("^(23|270) (\\S+ ){4}0x0 ");
-    EXPECT_TRUE(WaitUntil([&] { return std::regex_search(ReadFile(call), sleepsForever); }));
+    const std::regex sleepsForever(m_epoll ? R"(^((232|281) (\S+ ){3}0xf{8,16}|441 (\S+ ){3}0x0) )"
+                                           : "^(23|270) (\\S+ ){4}0x0 ");
+    EXPECT_TRUE(WaitUntil(
+        [&] { return Asleep(kernelTid) && std::regex_search(ReadFile(call), sleepsForever); }));
 
     // Hosts may wake the loop from several threads at once.
     RunThreads(4, [&](int) {
@@ -191,4 +248,8 @@ TEST(ReactorThread, SleepsWithoutTimeoutWakesFromAnyThreadAndEndsCleanly) {
     EXPECT_EQ(0, manager->DestroyThread(reactor));
     EXPECT_TRUE(capture.Traced(kInfo, destroyLine));
     EXPECT_EQ(0u, capture.CountMatching(kError, ".*"));  // Stop and Join trace their failures
+    for (CountingHandle& h : handles) close(h.fd);
+    EXPECT_EQ(0, tcp.close());
+    EXPECT_TRUE(before.Same());
+    setrlimit(RLIMIT_NOFILE, &files);
 }
