@@ -14,7 +14,8 @@ const char kUsage[] =
     "Runs a TCP echo service and clients on library threads, checks every echoed\n"
     "byte and prints a summary. Exit code 0 when every echo matched.\n"
     "\n"
-    "  --connections N   client connections (default 4, at most 500)\n"
+    "  --connections N   client connections (default 4): at most 500 with select,\n"
+    "                    with epoll as many as the descriptor limit allows\n"
     "  --messages N      messages per connection (default 10000)\n"
     "  --size BYTES      bytes per message (default 1024, at most 16777216)\n"
     "  --workers N       worker task threads that build and check messages (default 2)\n"
@@ -29,9 +30,16 @@ const char kUsage[] =
     "  --shm-key PATH    key file of the shared-memory log channel\n"
     "                    (default /tmp/orvanite_sharedmem)\n"
     "  --serve           only serve echo until SIGINT or SIGTERM\n"
+    "  --backend NAME    what the reactors wait with: select or epoll (default: the\n"
+    "                    library's, select unless it was built otherwise); epoll\n"
+    "                    raises the soft descriptor limit to the hard one\n"
     "  --help            show this text\n";
 
 namespace {
+
+// Two descriptors a connection (client and session) and the demo's own stay
+// below the 1024 that select() can watch.
+const unsigned long kSelectConnections = 500;
 
 bool ParseCount(const char* aText, unsigned long aMin, unsigned long aMax, unsigned long& aOut) {
     if (!aText || *aText < '0' || *aText > '9') return false;
@@ -73,7 +81,7 @@ ParseResult ParseOptions(int aArgc, const char* const* aArgv, Options& aOptions,
             unsigned long* out;
         };
         const Numeric numerics[] = {
-            {"--connections", 1, 500, &aOptions.connections},
+            {"--connections", 1, 1000000, &aOptions.connections},
             {"--messages", 1, 1000000000, &aOptions.messages},
             {"--size", 1, 16 * 1024 * 1024, &aOptions.size},
             {"--workers", 1, 64, &aOptions.workers},
@@ -83,8 +91,8 @@ ParseResult ParseOptions(int aArgc, const char* const* aArgv, Options& aOptions,
         for (const Numeric& candidate : numerics) {
             if (name == candidate.name) numeric = &candidate;
         }
-        const bool known =
-            numeric || name == "--duration" || name == "--log" || name == "--shm-key";
+        const bool known = numeric || name == "--duration" || name == "--log" ||
+                           name == "--shm-key" || name == "--backend";
         if (!known) {
             aError = "unknown option '" + name + "'";
             return ParseResult::kError;
@@ -124,6 +132,12 @@ ParseResult ParseOptions(int aArgc, const char* const* aArgv, Options& aOptions,
                 return ParseResult::kError;
             }
             aOptions.logLevel = level;
+        } else if (name == "--backend") {
+            if (strcmp(value, "select") != 0 && strcmp(value, "epoll") != 0) {
+                aError = "--backend takes select or epoll, not '" + std::string(value) + "'";
+                return ParseResult::kError;
+            }
+            aOptions.backend = strcmp(value, "epoll") == 0 ? 1 : 0;
         } else {
             if (*value == '\0') {
                 aError = "--shm-key needs a path";
@@ -131,6 +145,12 @@ ParseResult ParseOptions(int aArgc, const char* const* aArgv, Options& aOptions,
             }
             aOptions.shmKey = value;
         }
+    }
+    if (aOptions.backend == 0 && aOptions.connections > kSelectConnections) {
+        aError = "--connections takes at most " + std::to_string(kSelectConnections) +
+                 " with the select back end, not " + std::to_string(aOptions.connections) +
+                 "; --backend epoll allows more";
+        return ParseResult::kError;
     }
     return ParseResult::kRun;
 }

@@ -10,7 +10,7 @@ namespace demo {
 
 // What the command line chose; a field keeps its default unless given.
 struct Options {
-    unsigned long connections = 4;   // 1 to 500
+    unsigned long connections = 4;   // 1 to 1000000, at most 500 with select
     unsigned long messages = 10000;  // 1 to 1000000000
     unsigned long size = 1024;       // 1 to 16777216
     unsigned long workers = 2;       // 1 to 64
@@ -20,6 +20,9 @@ struct Options {
     bool traceFiles = false;
     std::string shmKey;  // empty: not given (a given one is never empty)
     bool serve = false;
+    // The reactors' back end in ComNetReactor's numbers: 0 select, 1 epoll.
+    // main starts it from the library's default.
+    int backend = 0;
 };
 
 enum class ParseResult { kRun, kHelp, kError };
@@ -27,7 +30,8 @@ enum class ParseResult { kRun, kHelp, kError };
 // Reads aArgv[1] to aArgv[aArgc - 1] (aArgv[0], the program's name, is not
 // read; a null entry ends the list early) into aOptions, left to right.
 // kHelp: --help or -h came before any mistake; kError: aError says what was
-// wrong (the first mistake); kRun: run with aOptions.
+// wrong (the first mistake; one between options, such as too many connections
+// for select, is found after the whole list); kRun: run with aOptions.
 ParseResult ParseOptions(int aArgc, const char* const* aArgv, Options& aOptions,
                          std::string& aError);
 

@@ -49,11 +49,12 @@ int EchoService::on_input() {
     while (Readable(m_server.get_socket())) {
         const int fd = m_server.accept();
         if (fd == -1) return 0;  // traced by the socket
-        if (fd >= FD_SETSIZE) {
-            // The reactor's select() cannot watch it: the client would wait forever.
-            DEMO_LOG(MTRACE_LEVEL_WARNING,
-                     "[DEMO]:EchoService, refused, fd=" << fd << ", beyond the reactor's limit of "
-                                                        << FD_SETSIZE << " descriptors");
+        if (fd >= FD_SETSIZE &&
+            m_thread->_reactor->get_backend() == ComNetReactor::BACKEND_SELECT) {
+            // select() cannot watch it: the client would wait forever.
+            DEMO_LOG(MTRACE_LEVEL_WARNING, "[DEMO]:EchoService, refused, fd="
+                                               << fd << ", beyond the select back end's limit of "
+                                               << FD_SETSIZE << " descriptors");
             close(fd);
             continue;
         }

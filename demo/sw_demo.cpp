@@ -8,12 +8,17 @@
 // and into the shared-memory log channel that sw_shmlog reads.
 //
 // Exit codes: 0 every echo matched, 1 the run failed, 2 bad command line.
+#include <dirent.h>
+#include <errno.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <string>
@@ -72,6 +77,61 @@ void OnLog(int, int aLevel, const char* aFormat, ...) {
 }
 
 // ---------------------------------------------------------------------------
+// Descriptors
+
+// Options::backend holds the reactor's back-end numbers.
+static_assert(ComNetReactor::BACKEND_SELECT == 0 && ComNetReactor::BACKEND_EPOLL == 1);
+
+// Besides two a connection (client and session): the listener, each reactor's
+// wake-up (three descriptors while it opens) and the trace files, with room to spare.
+const unsigned long long kOwnDescriptors = 16;
+
+// The descriptors open now: the standard streams and whatever the parent left open.
+unsigned long long OpenDescriptors() {
+    DIR* dir = opendir("/proc/self/fd");
+    if (!dir) return 3;
+    unsigned long long count = 0;
+    while (readdir(dir)) ++count;
+    closedir(dir);
+    return count - 3;  // ".", ".." and the directory's own
+}
+
+// With epoll, raises the soft descriptor limit to the hard one. aNote says what
+// the first line reports; false, with aError, when the client connections do
+// not fit in what the back end can use.
+bool PrepareDescriptors(const Options& aOptions, std::string& aNote, std::string& aError) {
+    const bool epoll = aOptions.backend == ComNetReactor::BACKEND_EPOLL;
+    aNote = epoll ? "epoll back end" : "select back end";
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return true;  // unknown: connects will tell
+    const unsigned long long soft = limit.rlim_cur;
+    if (epoll && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        if (setrlimit(RLIMIT_NOFILE, &limit) == 0) {
+            aNote += ", descriptor limit raised from " + std::to_string(soft) + " to " +
+                     std::to_string(static_cast<unsigned long long>(limit.rlim_max));
+        } else {
+            fprintf(stderr, "sw_demo: cannot raise the descriptor limit from %llu: %s\n", soft,
+                    strerror(errno));
+            limit.rlim_cur = soft;
+        }
+    }
+    if (epoll && limit.rlim_cur == soft) aNote += ", descriptor limit " + std::to_string(soft);
+    if (aOptions.serve) return true;
+    // select() watches descriptors below FD_SETSIZE only.
+    const unsigned long long usable =
+        epoll ? limit.rlim_cur : std::min<unsigned long long>(limit.rlim_cur, FD_SETSIZE);
+    const unsigned long long own = OpenDescriptors() + kOwnDescriptors;
+    const unsigned long long needed = own + 2ull * aOptions.connections;
+    if (needed <= usable) return true;
+    aError = "--connections " + std::to_string(aOptions.connections) + " needs " +
+             std::to_string(needed) + " descriptors, more than the " + std::to_string(usable) +
+             " the " + (epoll ? "epoll" : "select") + " back end can use here (at most " +
+             std::to_string(usable > own ? (usable - own) / 2 : 0) + " connections)";
+    return false;
+}
+
+// ---------------------------------------------------------------------------
 // main
 
 // Waits up to aMillis for SIGINT or SIGTERM (blocked in every thread); returns it or 0.
@@ -120,14 +180,14 @@ bool StopService(Service& aService) {
     return ok;
 }
 
-int Serve(const Options& aOptions) {
+int Serve(const Options& aOptions, const std::string& aNote) {
     Service service;
     if (!StartService(aOptions, service)) {
         StopService(service);
         return 1;
     }
-    printf("sw_demo: echo service on 127.0.0.1:%u; stop it with Ctrl-C\n",
-           static_cast<unsigned>(service.echo->m_port.load()));
+    printf("sw_demo: echo service on 127.0.0.1:%u; %s; stop it with Ctrl-C\n",
+           static_cast<unsigned>(service.echo->m_port.load()), aNote.c_str());
     fflush(stdout);
     const Clock::time_point end =
         Clock::now() + std::chrono::duration_cast<Clock::duration>(
@@ -147,7 +207,7 @@ int Serve(const Options& aOptions) {
     return ok ? 0 : 1;
 }
 
-int RunClients(const Options& aOptions) {
+int RunClients(const Options& aOptions, const std::string& aNote) {
     ComThreadManger* manager = ComThreadManger::GetInstance();
     Service service;
     Run run(aOptions);
@@ -175,9 +235,9 @@ int RunClients(const Options& aOptions) {
             snprintf(amount, sizeof(amount), "%lu messages", aOptions.messages);
         }
         printf(
-            "sw_demo: echo service on 127.0.0.1:%u; %lu connections x %s of %lu bytes, "
+            "sw_demo: echo service on 127.0.0.1:%u; %s; %lu connections x %s of %lu bytes, "
             "%lu workers\n",
-            static_cast<unsigned>(port), aOptions.connections, amount, aOptions.size,
+            static_cast<unsigned>(port), aNote.c_str(), aOptions.connections, amount, aOptions.size,
             aOptions.workers);
         fflush(stdout);
         for (unsigned long i = 0; i < aOptions.connections && ok; ++i) {
@@ -284,13 +344,15 @@ int RunClients(const Options& aOptions) {
 
 int main(int aArgc, char** aArgv) {
     Options options;
+    options.backend = ComNetReactor::get_default_backend();
     std::string error;
     const ParseResult parsed = ParseOptions(aArgc, aArgv, options, error);
     if (parsed == ParseResult::kHelp) {
         fputs(kUsage, stdout);
         return 0;
     }
-    if (parsed == ParseResult::kError) {
+    std::string note;
+    if (parsed == ParseResult::kError || !PrepareDescriptors(options, note, error)) {
         fprintf(stderr, "sw_demo: %s\nrun 'sw_demo --help' for the options\n", error.c_str());
         return 2;
     }
@@ -306,6 +368,13 @@ int main(int aArgc, char** aArgv) {
     gStderrLevel = options.logLevel;
     gFileTrace = options.traceFiles;
     CMyTrace_::SetLogCallback(OnLog);
+    // Every reactor thread is created after this.
+    if (ComNetReactor::set_default_backend(options.backend) != 0) {
+        fprintf(stderr, "sw_demo: no %s back end on this system\n",
+                options.backend == ComNetReactor::BACKEND_EPOLL ? "epoll" : "select");
+        CMyTrace_::SetLogCallback(nullptr);
+        return 1;
+    }
 
     if (!options.shmKey.empty()) gSharedMemName = options.shmKey.c_str();
     SharedMemImpl* channel = new SharedMemImpl(true);
@@ -316,7 +385,7 @@ int main(int aArgc, char** aArgv) {
                 gSharedMemName);
     }
 
-    const int rv = options.serve ? Serve(options) : RunClients(options);
+    const int rv = options.serve ? Serve(options, note) : RunClients(options, note);
 
     // Every library thread is gone: nobody writes to the channel any more.
     gChannel = nullptr;

@@ -25,7 +25,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     const demo::ParseResult result = demo::ParseOptions(argc, argv.data(), options, error);
     FUZZ_CHECK(error.empty() == (result != demo::ParseResult::kError));
     if (result == demo::ParseResult::kRun) {
-        FUZZ_CHECK(options.connections >= 1 && options.connections <= 500);
+        FUZZ_CHECK(options.backend == 0 || options.backend == 1);
+        FUZZ_CHECK(options.connections >= 1 &&
+                   options.connections <= (options.backend == 0 ? 500 : 1000000));
         FUZZ_CHECK(options.messages >= 1 && options.messages <= 1000000000);
         FUZZ_CHECK(options.size >= 1 && options.size <= 16777216);
         FUZZ_CHECK(options.workers >= 1 && options.workers <= 64 && options.port <= 65535);
@@ -38,6 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     std::string againError;
     FUZZ_CHECK(demo::ParseOptions(argc, argv.data(), again, againError) == result &&
                againError == error && again.shmKey == options.shmKey &&
-               again.connections == options.connections && again.serve == options.serve);
+               again.connections == options.connections && again.serve == options.serve &&
+               again.backend == options.backend);
     return 0;
 }
