@@ -7,7 +7,9 @@ Benchmarks are named "<workload>/<implementation>"; the medians of the
 repetitions are compared. A "batch" counter divides the time into the time per
 operation; a "bytes" counter is shown as bytes instead of time. Workloads named
 "mechanism_*" measure a part of a design on its own and get a table of their own,
-and so do workloads that report timer lateness counters (microseconds).
+and so do workloads that report timer lateness counters (microseconds). A
+variant of the library (LIB_VARIANTS) gets a column and a ratio of its own when
+some workload has it.
 """
 import json
 import platform
@@ -18,6 +20,7 @@ PEERS = [("asio", "Asio"), ("libevent", "libevent"), ("mutex_cv", "mutex+condvar
          ("spdlog", "spdlog"), ("shared_ptr", "shared_ptr<vector>"), ("std", "C++ std")]
 LATENESS = ["late_p50_us", "late_p99_us", "late_max_us", "drift_us"]
 LIB = "lib"
+LIB_VARIANTS = [("lib_epoll", "lib (epoll)")]
 TO_NS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 
 
@@ -80,20 +83,25 @@ def main():
         print(__doc__.strip(), file=sys.stderr)
         return 2
     context, rows, lateness = load(sys.argv[1])
-    used = [(key, title) for key, title in PEERS
-            if any(key in impls for name, impls in rows.items() if not name.startswith("mechanism_"))]
+    def present(candidates):
+        return [(key, title) for key, title in candidates
+                if any(key in impls for name, impls in rows.items()
+                       if not name.startswith("mechanism_"))]
+    used = present(PEERS)
+    libs = [(LIB, "libSystemWrappers")] + present(LIB_VARIANTS)
     print("Machine: " + machine(context))
     print()
-    print("| Workload | libSystemWrappers | " + " | ".join(t for _, t in used) + " | ratio lib / best peer |")
-    print("|---" * (len(used) + 3) + "|")
+    ratios = ["ratio %s / best peer" % ("lib" if key == LIB else title) for key, title in libs]
+    print("| Workload | " + " | ".join([t for _, t in libs + used] + ratios) + " |")
+    print("|---" * (len(libs + used) + len(ratios) + 1) + "|")
     for name, impls in rows.items():
         if name.startswith("mechanism_"):
             continue
-        peers = [impls[k][0] for k, _ in used if k in impls]
-        lib = impls.get(LIB)
-        ratio = "%.2f" % (lib[0] / min(peers)) if lib and peers and min(peers) > 0 else "-"
-        cells = [fmt(lib)] + [fmt(impls.get(k)) for k, _ in used]
-        print("| %s | %s | %s |" % (name, " | ".join(cells), ratio))
+        best = min((impls[k][0] for k, _ in used if k in impls), default=0)
+        cells = [fmt(impls.get(k)) for k, _ in libs + used]
+        cells += ["%.2f" % (impls[k][0] / best) if k in impls and best > 0 else "-"
+                  for k, _ in libs]
+        print("| %s | %s |" % (name, " | ".join(cells)))
     mechanisms = [(n, i) for n, i in rows.items() if n.startswith("mechanism_")]
     if mechanisms:
         print()
