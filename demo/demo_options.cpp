@@ -13,6 +13,7 @@ const char kUsage[] =
     "\n"
     "Runs a TCP echo service and clients on library threads, checks every echoed\n"
     "byte and prints a summary. Exit code 0 when every echo matched.\n"
+    "With --media it streams timed media frames instead (see below).\n"
     "\n"
     "  --connections N   client connections (default 4): at most 500 with select,\n"
     "                    with epoll as many as the descriptor limit allows\n"
@@ -21,7 +22,8 @@ const char kUsage[] =
     "  --workers N       worker task threads that build and check messages (default 2)\n"
     "  --port N          port of the echo service (default 0: the system picks)\n"
     "  --duration SEC    send for SEC seconds instead of a fixed message count;\n"
-    "                    with --serve, stop serving after SEC seconds\n"
+    "                    with --serve, stop serving after SEC seconds; with\n"
+    "                    --media, stream for SEC seconds (default 10)\n"
     "  --log LEVEL       trace lines on standard error from LEVEL up:\n"
     "                    debug, info, warning (default), error or off\n"
     "  --trace-files     also write every trace line, whatever --log says, to\n"
@@ -33,12 +35,27 @@ const char kUsage[] =
     "  --backend NAME    what the reactors wait with: select or epoll (default: the\n"
     "                    library's, select unless it was built otherwise); epoll\n"
     "                    raises the soft descriptor limit to the hard one\n"
-    "  --help            show this text\n";
+    "  --help            show this text\n"
+    "\n"
+    "Media mode: every stream is a task thread whose periodic timer builds a\n"
+    "numbered frame on each tick; a sender reactor thread sends it, a receiver\n"
+    "reactor thread checks every byte and measures timer lateness and latency.\n"
+    "Exit code 0 when every frame arrived intact, once and in order.\n"
+    "  --media           run the media mode (with --duration, --backend and the\n"
+    "                    log options above, not the echo options)\n"
+    "  --streams N       streams, each a task thread and a socket (default 8, at\n"
+    "                    most 1000; at most 500 with select)\n"
+    "  --period MS       time between a stream's frames (default 10 ms, 1 to 1000)\n"
+    "  --frame BYTES     bytes per frame, its 24-byte header included (default 1200;\n"
+    "                    at most 65507, one datagram, over udp and 1048576 over tcp)\n"
+    "  --load N          busy threads competing for processors (default 0, at most 64)\n"
+    "  --transport NAME  udp (default, one datagram a frame) or tcp (one connection a\n"
+    "                    stream, frames back to back)\n";
 
 namespace {
 
-// Two descriptors a connection (client and session) and the demo's own stay
-// below the 1024 that select() can watch.
+// Two descriptors a connection (client and session) or a media stream (sender
+// and receiver) and the demo's own stay below the 1024 that select() can watch.
 const unsigned long kSelectConnections = 500;
 
 bool ParseCount(const char* aText, unsigned long aMin, unsigned long aMax, unsigned long& aOut) {
@@ -57,6 +74,8 @@ ParseResult ParseOptions(int aArgc, const char* const* aArgv, Options& aOptions,
                          std::string& aError) {
     int argc = 0;
     while (aArgv && argc < aArgc && aArgv[argc]) ++argc;
+    std::string firstMediaOnly;
+    std::string firstEchoOnly;
     for (int i = 1; i < argc; ++i) {
         std::string name = aArgv[i];
         const char* value = nullptr;
@@ -66,12 +85,21 @@ ParseResult ParseOptions(int aArgc, const char* const* aArgv, Options& aOptions,
             name.resize(equals);
         }
         if (name == "--help" || name == "-h") return ParseResult::kHelp;
-        if (name == "--trace-files" || name == "--serve") {
+        // The first option given that belongs to one mode only, to refuse it in the other.
+        const bool mediaOnly = name == "--streams" || name == "--period" || name == "--frame" ||
+                               name == "--load" || name == "--transport";
+        const bool echoOnly = name == "--connections" || name == "--messages" || name == "--size" ||
+                              name == "--workers" || name == "--port" || name == "--serve";
+        if (mediaOnly && firstMediaOnly.empty()) firstMediaOnly = name;
+        if (echoOnly && firstEchoOnly.empty()) firstEchoOnly = name;
+        if (name == "--trace-files" || name == "--serve" || name == "--media") {
             if (value) {
                 aError = name + " takes no value";
                 return ParseResult::kError;
             }
-            (name == "--serve" ? aOptions.serve : aOptions.traceFiles) = true;
+            (name == "--serve"   ? aOptions.serve
+             : name == "--media" ? aOptions.media
+                                 : aOptions.traceFiles) = true;
             continue;
         }
         struct Numeric {
@@ -86,13 +114,17 @@ ParseResult ParseOptions(int aArgc, const char* const* aArgv, Options& aOptions,
             {"--size", 1, 16 * 1024 * 1024, &aOptions.size},
             {"--workers", 1, 64, &aOptions.workers},
             {"--port", 0, 65535, &aOptions.port},
+            {"--streams", 1, 1000, &aOptions.streams},
+            {"--period", 1, 1000, &aOptions.period},
+            {"--frame", kFrameHeaderBytes, kMaxTcpFrame, &aOptions.frame},
+            {"--load", 0, 64, &aOptions.load},
         };
         const Numeric* numeric = nullptr;
         for (const Numeric& candidate : numerics) {
             if (name == candidate.name) numeric = &candidate;
         }
         const bool known = numeric || name == "--duration" || name == "--log" ||
-                           name == "--shm-key" || name == "--backend";
+                           name == "--shm-key" || name == "--backend" || name == "--transport";
         if (!known) {
             aError = "unknown option '" + name + "'";
             return ParseResult::kError;
@@ -106,8 +138,13 @@ ParseResult ParseOptions(int aArgc, const char* const* aArgv, Options& aOptions,
         }
         if (numeric) {
             if (!ParseCount(value, numeric->min, numeric->max, *numeric->out)) {
+                const std::string range = name == "--frame"
+                                              ? " (its header) to " + std::to_string(kMaxUdpFrame) +
+                                                    " over udp or " + std::to_string(kMaxTcpFrame) +
+                                                    " over tcp"
+                                              : " to " + std::to_string(numeric->max);
                 aError = name + " takes a whole number from " + std::to_string(numeric->min) +
-                         " to " + std::to_string(numeric->max) + ", not '" + value + "'";
+                         range + ", not '" + value + "'";
                 return ParseResult::kError;
             }
         } else if (name == "--duration") {
@@ -138,6 +175,12 @@ ParseResult ParseOptions(int aArgc, const char* const* aArgv, Options& aOptions,
                 return ParseResult::kError;
             }
             aOptions.backend = strcmp(value, "epoll") == 0 ? 1 : 0;
+        } else if (name == "--transport") {
+            if (strcmp(value, "udp") != 0 && strcmp(value, "tcp") != 0) {
+                aError = "--transport takes udp or tcp, not '" + std::string(value) + "'";
+                return ParseResult::kError;
+            }
+            aOptions.tcp = strcmp(value, "tcp") == 0;
         } else {
             if (*value == '\0') {
                 aError = "--shm-key needs a path";
@@ -145,6 +188,29 @@ ParseResult ParseOptions(int aArgc, const char* const* aArgv, Options& aOptions,
             }
             aOptions.shmKey = value;
         }
+    }
+    if (aOptions.media) {
+        if (!firstEchoOnly.empty()) {
+            aError = firstEchoOnly + " is an option of the echo mode, not of --media";
+            return ParseResult::kError;
+        }
+        if (!aOptions.tcp && aOptions.frame > kMaxUdpFrame) {
+            aError = "--frame takes at most " + std::to_string(kMaxUdpFrame) +
+                     " bytes over udp (one datagram), not " + std::to_string(aOptions.frame) +
+                     "; --transport tcp allows " + std::to_string(kMaxTcpFrame);
+            return ParseResult::kError;
+        }
+        if (aOptions.backend == 0 && aOptions.streams > kSelectConnections) {
+            aError = "--streams takes at most " + std::to_string(kSelectConnections) +
+                     " with the select back end, not " + std::to_string(aOptions.streams) +
+                     "; --backend epoll allows more";
+            return ParseResult::kError;
+        }
+        return ParseResult::kRun;
+    }
+    if (!firstMediaOnly.empty()) {
+        aError = firstMediaOnly + " is an option of --media";
+        return ParseResult::kError;
     }
     if (aOptions.backend == 0 && aOptions.connections > kSelectConnections) {
         aError = "--connections takes at most " + std::to_string(kSelectConnections) +

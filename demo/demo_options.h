@@ -23,7 +23,25 @@ struct Options {
     // The reactors' back end in ComNetReactor's numbers: 0 select, 1 epoll.
     // main starts it from the library's default.
     int backend = 0;
+    // Media mode; its options are refused without --media and the echo
+    // mode's (--connections to --port, --serve) with it.
+    bool media = false;
+    unsigned long streams = 8;   // 1 to 1000, at most 500 with select
+    unsigned long period = 10;   // milliseconds, 1 to 1000
+    unsigned long frame = 1200;  // kFrameHeaderBytes to kMaxUdpFrame (kMaxTcpFrame over tcp)
+    unsigned long load = 0;      // busy threads, 0 to 64
+    bool tcp = false;            // the transport: udp unless --transport tcp
 };
+
+// A media frame's header (length, stream, sequence number, send time) comes
+// first, so a frame is at least that long.
+const unsigned long kFrameHeaderBytes = 24;
+// What one UDP datagram over IPv4 carries.
+const unsigned long kMaxUdpFrame = 65507;
+// Frames in a byte stream are bounded so that a receiver's buffer is too.
+const unsigned long kMaxTcpFrame = 1048576;
+// Media runs this long unless --duration says otherwise.
+const double kDefaultMediaSeconds = 10;
 
 enum class ParseResult { kRun, kHelp, kError };
 

@@ -1,15 +1,22 @@
-// Pieces shared by the demo's echo service, its clients and main: trace
-// lines through the library's trace facility, two socket helpers, and running
-// a function on another library thread.
+// Pieces shared by the demo's modes and main: trace lines through the
+// library's trace facility, socket helpers, running a function on another
+// library thread, the byte pattern that messages carry, a latency histogram
+// and waiting for a signal.
 #ifndef SW_DEMO_DEMO_SUPPORT_H_
 #define SW_DEMO_DEMO_SUPPORT_H_
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <signal.h>
+#include <stdint.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <string>
+#include <vector>
 
 #include "demo_options.h"
 #include "system_wrappers.h"
@@ -65,6 +72,71 @@ private:
 template <class F>
 int RunOn(IEventQueue* aQueue, F aCall) {
     return aQueue->SendEvent(new CallEvent<F>(aCall));
+}
+
+using Clock = std::chrono::steady_clock;
+
+// The expected byte aIndex of message aSeq of sender aId: any shift, loss or
+// mix-up between messages or senders changes it.
+inline unsigned char PatternByte(uint32_t aId, uint64_t aSeq, unsigned long aIndex) {
+    uint32_t x = aId * 0x9E3779B1u ^ static_cast<uint32_t>(aSeq) * 0x85EBCA77u;
+    x += static_cast<uint32_t>(aIndex) * 0xC2B2AE3Du;
+    return static_cast<unsigned char>((x >> 24) ^ (x >> 11) ^ aIndex);
+}
+
+// Latencies in 1 us buckets up to 100 ms, so long runs keep a fixed size.
+class Histogram {
+public:
+    static constexpr size_t kBuckets = 100000;
+
+    Histogram() : m_counts(kBuckets + 1, 0) {}
+
+    void Add(uint64_t aNanos) {
+        const uint64_t micros = aNanos / 1000;
+        ++m_counts[micros < kBuckets ? micros : kBuckets];
+        ++m_total;
+        m_maxNanos = std::max(m_maxNanos, aNanos);
+    }
+    void Merge(const Histogram& aOther) {
+        for (size_t i = 0; i <= kBuckets; ++i) m_counts[i] += aOther.m_counts[i];
+        m_total += aOther.m_total;
+        m_maxNanos = std::max(m_maxNanos, aOther.m_maxNanos);
+    }
+    // The upper edge of the bucket that holds quantile aQ, in microseconds.
+    double Quantile(double aQ) const {
+        if (m_total == 0) return 0;
+        const uint64_t rank = static_cast<uint64_t>(std::ceil(aQ * static_cast<double>(m_total)));
+        uint64_t seen = 0;
+        for (size_t i = 0; i < kBuckets; ++i) {
+            seen += m_counts[i];
+            if (seen >= rank && seen > 0) return std::min(static_cast<double>(i + 1), MaxMicros());
+        }
+        return MaxMicros();
+    }
+    double MaxMicros() const { return static_cast<double>(m_maxNanos) / 1000.0; }
+    uint64_t Total() const { return m_total; }
+    // How many took less than aMicros (exact up to the last bucket).
+    uint64_t CountBelow(uint64_t aMicros) const {
+        uint64_t count = 0;
+        for (size_t i = 0; i < std::min<uint64_t>(aMicros, kBuckets); ++i) count += m_counts[i];
+        return count;
+    }
+
+private:
+    std::vector<uint64_t> m_counts;
+    uint64_t m_total = 0;
+    uint64_t m_maxNanos = 0;
+};
+
+// Waits up to aMillis for SIGINT or SIGTERM (blocked in every thread); returns it or 0.
+inline int WaitForSignal(long aMillis) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    timespec timeout = {aMillis / 1000, (aMillis % 1000) * 1000000};
+    const int rv = sigtimedwait(&set, nullptr, &timeout);
+    return rv > 0 ? rv : 0;
 }
 
 }  // namespace demo

@@ -2,18 +2,6 @@
 
 namespace demo {
 
-namespace {
-
-// The expected byte aIndex of message aSeq on connection aConn: any shift,
-// loss or mix-up between messages or connections changes it.
-inline unsigned char PatternByte(uint32_t aConn, uint64_t aSeq, unsigned long aIndex) {
-    uint32_t x = aConn * 0x9E3779B1u ^ static_cast<uint32_t>(aSeq) * 0x85EBCA77u;
-    x += static_cast<uint32_t>(aIndex) * 0xC2B2AE3Du;
-    return static_cast<unsigned char>((x >> 24) ^ (x >> 11) ^ aIndex);
-}
-
-}  // namespace
-
 // Checks one echoed message on the connection's worker and starts the next.
 class VerifyEvent : public IEvent {
 public:

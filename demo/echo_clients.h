@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <mutex>
 #include <string>
@@ -20,45 +19,6 @@
 #include "system_wrappers.h"
 
 namespace demo {
-
-using Clock = std::chrono::steady_clock;
-
-// Round-trip times in 1 us buckets up to 100 ms, so long runs keep a fixed size.
-class RttHistogram {
-public:
-    static const size_t kBuckets = 100000;
-
-    RttHistogram() : m_counts(kBuckets + 1, 0) {}
-
-    void Add(uint64_t aNanos) {
-        const uint64_t micros = aNanos / 1000;
-        ++m_counts[micros < kBuckets ? micros : kBuckets];
-        ++m_total;
-        m_maxNanos = std::max(m_maxNanos, aNanos);
-    }
-    void Merge(const RttHistogram& aOther) {
-        for (size_t i = 0; i <= kBuckets; ++i) m_counts[i] += aOther.m_counts[i];
-        m_total += aOther.m_total;
-        m_maxNanos = std::max(m_maxNanos, aOther.m_maxNanos);
-    }
-    // The upper edge of the bucket that holds quantile aQ, in microseconds.
-    double Quantile(double aQ) const {
-        if (m_total == 0) return 0;
-        const uint64_t rank = static_cast<uint64_t>(std::ceil(aQ * static_cast<double>(m_total)));
-        uint64_t seen = 0;
-        for (size_t i = 0; i < kBuckets; ++i) {
-            seen += m_counts[i];
-            if (seen >= rank && seen > 0) return std::min(static_cast<double>(i + 1), MaxMicros());
-        }
-        return MaxMicros();
-    }
-    double MaxMicros() const { return static_cast<double>(m_maxNanos) / 1000.0; }
-
-private:
-    std::vector<uint64_t> m_counts;
-    uint64_t m_total = 0;
-    uint64_t m_maxNanos = 0;
-};
 
 // Hands events to other threads until shutdown begins; afterwards it destroys
 // them instead, so no thread posts to one that is being destroyed.
@@ -86,7 +46,7 @@ class ClientConnection;
 
 struct Worker {
     ComTaskThread* thread = nullptr;
-    RttHistogram rtt;  // touched by the worker thread only, until it is joined
+    Histogram rtt;  // touched by the worker thread only, until it is joined
 };
 
 // What the threads of one run share.

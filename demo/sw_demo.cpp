@@ -1,13 +1,15 @@
-// sw_demo: a small echo engine built on libSystemWrappers through its public
+// sw_demo: a small engine built on libSystemWrappers through its public
 // headers only. A reactor thread serves TCP echo on 127.0.0.1 (echo_service);
 // client connections on a second reactor thread send messages that worker
-// task threads build and check byte by byte (echo_clients). This file holds
+// task threads build and check byte by byte (echo_clients). With --media,
+// timed streams send frames to a receiver instead (media). This file holds
 // main: the host log callback and the start and shutdown order (the command
 // line is read by demo_options).
 // Trace lines go to standard error (and optionally the rotating trace files)
 // and into the shared-memory log channel that sw_shmlog reads.
 //
-// Exit codes: 0 every echo matched, 1 the run failed, 2 bad command line.
+// Exit codes: 0 every echo matched (every frame arrived intact, once and in
+// order), 1 the run failed, 2 bad command line.
 #include <dirent.h>
 #include <errno.h>
 #include <pthread.h>
@@ -28,6 +30,7 @@
 #include "demo_support.h"
 #include "echo_clients.h"
 #include "echo_service.h"
+#include "media.h"
 #include "system_wrappers.h"
 
 namespace {
@@ -82,8 +85,9 @@ void OnLog(int, int aLevel, const char* aFormat, ...) {
 // Options::backend holds the reactor's back-end numbers.
 static_assert(ComNetReactor::BACKEND_SELECT == 0 && ComNetReactor::BACKEND_EPOLL == 1);
 
-// Besides two a connection (client and session): the listener, each reactor's
-// wake-up (three descriptors while it opens) and the trace files, with room to spare.
+// Besides two a connection (client and session) or a media stream (sender and
+// receiver): the listener, each reactor's wake-up (three descriptors while it
+// opens) and the trace files, with room to spare.
 const unsigned long long kOwnDescriptors = 16;
 
 // The descriptors open now: the standard streams and whatever the parent left open.
@@ -97,8 +101,8 @@ unsigned long long OpenDescriptors() {
 }
 
 // With epoll, raises the soft descriptor limit to the hard one. aNote says what
-// the first line reports; false, with aError, when the client connections do
-// not fit in what the back end can use.
+// the first line reports; false, with aError, when the client connections (or
+// media streams) do not fit in what the back end can use.
 bool PrepareDescriptors(const Options& aOptions, std::string& aNote, std::string& aError) {
     const bool epoll = aOptions.backend == ComNetReactor::BACKEND_EPOLL;
     aNote = epoll ? "epoll back end" : "select back end";
@@ -122,28 +126,20 @@ bool PrepareDescriptors(const Options& aOptions, std::string& aNote, std::string
     const unsigned long long usable =
         epoll ? limit.rlim_cur : std::min<unsigned long long>(limit.rlim_cur, FD_SETSIZE);
     const unsigned long long own = OpenDescriptors() + kOwnDescriptors;
-    const unsigned long long needed = own + 2ull * aOptions.connections;
+    const unsigned long count = aOptions.media ? aOptions.streams : aOptions.connections;
+    const unsigned long long needed = own + 2ull * count;
     if (needed <= usable) return true;
-    aError = "--connections " + std::to_string(aOptions.connections) + " needs " +
-             std::to_string(needed) + " descriptors, more than the " + std::to_string(usable) +
-             " the " + (epoll ? "epoll" : "select") + " back end can use here (at most " +
-             std::to_string(usable > own ? (usable - own) / 2 : 0) + " connections)";
+    aError = std::string(aOptions.media ? "--streams " : "--connections ") + std::to_string(count) +
+             " needs " + std::to_string(needed) + " descriptors, more than the " +
+             std::to_string(usable) + " the " + (epoll ? "epoll" : "select") +
+             " back end can use here (at most " +
+             std::to_string(usable > own ? (usable - own) / 2 : 0) +
+             (aOptions.media ? " streams)" : " connections)");
     return false;
 }
 
 // ---------------------------------------------------------------------------
 // main
-
-// Waits up to aMillis for SIGINT or SIGTERM (blocked in every thread); returns it or 0.
-int WaitForSignal(long aMillis) {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    timespec timeout = {aMillis / 1000, (aMillis % 1000) * 1000000};
-    const int rv = sigtimedwait(&set, nullptr, &timeout);
-    return rv > 0 ? rv : 0;
-}
 
 struct Service {
     ComReactorThread* thread = nullptr;
@@ -297,7 +293,7 @@ int RunClients(const Options& aOptions, const std::string& aNote) {
     for (ClientConnection* connection : connections) delete connection;
     if (!ok) return 1;
 
-    RttHistogram rtt;
+    Histogram rtt;
     for (const Worker& worker : run.workers) rtt.Merge(worker.rtt);
     const uint64_t messages = run.messages.load();
     const uint64_t bytes = run.bytes.load();
@@ -385,7 +381,9 @@ int main(int aArgc, char** aArgv) {
                 gSharedMemName);
     }
 
-    const int rv = options.serve ? Serve(options, note) : RunClients(options, note);
+    const int rv = options.media   ? RunMedia(options, note)
+                   : options.serve ? Serve(options, note)
+                                   : RunClients(options, note);
 
     // Every library thread is gone: nobody writes to the channel any more.
     gChannel = nullptr;

@@ -34,6 +34,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
         FUZZ_CHECK(options.duration == 0 || (isfinite(options.duration) && options.duration > 0 &&
                                              options.duration <= 31536000));
         FUZZ_CHECK(options.logLevel >= 0 && options.logLevel <= 4);
+        FUZZ_CHECK(options.streams >= 1 && options.streams <= 1000 && options.period >= 1 &&
+                   options.period <= 1000 && options.load <= 64);
+        FUZZ_CHECK(options.frame >= demo::kFrameHeaderBytes && options.frame <= demo::kMaxTcpFrame);
+        // A media run has what its transport and back end can carry, and no echo mode.
+        FUZZ_CHECK(!options.media ||
+                   ((options.tcp || options.frame <= demo::kMaxUdpFrame) &&
+                    (options.backend == 1 || options.streams <= 500) && !options.serve));
     }
     // The same arguments read the same way again.
     demo::Options again;
@@ -41,6 +48,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     FUZZ_CHECK(demo::ParseOptions(argc, argv.data(), again, againError) == result &&
                againError == error && again.shmKey == options.shmKey &&
                again.connections == options.connections && again.serve == options.serve &&
-               again.backend == options.backend);
+               again.backend == options.backend && again.media == options.media &&
+               again.streams == options.streams && again.frame == options.frame &&
+               again.tcp == options.tcp);
     return 0;
 }

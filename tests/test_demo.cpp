@@ -1,5 +1,6 @@
-// The demo engine as a user runs it: a short echo run to a clean summary, the
-// command-line refusals, and the serve mode with its log read by sw_shmlog.
+// The demo engine as a user runs it: a short echo run and a short media run to
+// a clean summary, the command-line refusals, and the serve mode with its log
+// read by sw_shmlog.
 #include <sys/resource.h>
 
 #include <regex>
@@ -33,6 +34,29 @@ TEST_F(DemoTest, ShortRunEndsInACleanSummary) {
     EXPECT_EQ(demo.Err(), "");  // a clean run has no warning or error to report
 }
 
+// Media over each transport (and back end): every frame sent is received once, intact.
+TEST_F(DemoTest, MediaRunReceivesEveryFrameItSent) {
+    for (const std::string transport : {"udp", "tcp"}) {
+        SCOPED_TRACE(transport);
+        ChildProgram demo;
+        ASSERT_TRUE(demo.Run({SW_DEMO_PATH, "--media", "--duration", "2", "--streams", "3",
+                              "--transport", transport, "--backend",
+                              transport == "udp" ? "select" : "epoll", "--shm-key", m_path}));
+        const std::string out = demo.Out();
+        EXPECT_EQ(demo.ExitCode(), 0) << out << demo.Err();
+        std::smatch frames;
+        ASSERT_TRUE(
+            std::regex_search(out, frames,
+                              std::regex("\n  frames +([1-9][0-9]*) sent, \\1 received: 0 "
+                                         "lost, 0 duplicated, 0 out of order, 0 corrupt\n")))
+            << out;
+        EXPECT_EQ(1,
+                  Occurrences(out, "\n  timer lateness .*\\(" + frames[1].str() + " ticks\\)\n"));
+        EXPECT_EQ(1, Occurrences(out, "\n  result +OK, every frame arrived intact"));
+        EXPECT_EQ(demo.Err(), "");
+    }
+}
+
 TEST_F(DemoTest, CommandLineMistakesExitWithTwoAndHelpWithZero) {
     const struct {
         std::vector<std::string> argv;
@@ -42,6 +66,7 @@ TEST_F(DemoTest, CommandLineMistakesExitWithTwoAndHelpWithZero) {
         {{SW_DEMO_PATH, "--bogus"}, 2, "unknown option '--bogus'"},
         {{SW_DEMO_PATH, "--size", "0"}, 2, "--size takes a whole number from 1"},
         {{SW_DEMO_PATH, "--connections", "501", "--backend", "select"}, 2, "at most 500 with the"},
+        {{SW_DEMO_PATH, "--media", "--frame", "65508"}, 2, "at most 65507 bytes over udp"},
         {{SW_DEMO_PATH, "--help"}, 0, "usage: sw_demo"},
     };
     for (const auto& c : cases) {
