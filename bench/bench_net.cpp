@@ -126,19 +126,10 @@ bool TcpPair(Fd& aReader, Fd& aWriter) {
 // ---------------------------------------------------------------------------
 // The library's reactor thread
 
-constexpr const char kLibEpoll[] = "lib_epoll";
+using bench::CreateReactorThread;
+using bench::kLibEpoll;
 constexpr int kSelect = ComNetReactor::BACKEND_SELECT;
 constexpr int kEpoll = ComNetReactor::BACKEND_EPOLL;
-
-// A reactor thread on aBackend. The default is process-wide, so it is put back
-// at once; a reactor that fell back to select would measure the wrong thing.
-bool CreateReactorThread(int aBackend, bench::LibThread<ComReactorThread>& aThread) {
-    const int previous = ComNetReactor::get_default_backend();
-    const bool ok = ComNetReactor::set_default_backend(aBackend) == 0 &&
-                    ComThreadManger::GetInstance()->CreateReactorThread(aThread.out()) == COM_OK;
-    ComNetReactor::set_default_backend(previous);
-    return ok && aThread->_reactor->get_backend() == aBackend;
-}
 
 // ---------------------------------------------------------------------------
 // Echo servers. Start() listens on 127.0.0.1 and serves from a thread of its

@@ -165,8 +165,7 @@ constexpr unsigned long kKernelDefaultSlackNs = 50000;
 
 enum LatenessImpl { kTaskThread, kTaskThreadDefaultSlack, kAsioThread, kLatenessImpls };
 
-// Records how late each tick comes. The queue's grid runs on the wall clock
-// from the moment of scheduling, so lateness is read on that clock too.
+// Records how late each tick comes, against the queue's own grid.
 class LatenessTimer : public ITimerHandler {
 public:
     LatenessTimer(std::vector<double>& aLateUs, bench::Signal& aDone)
@@ -174,27 +173,20 @@ public:
 
     // On the task thread, the way a stream schedules its own timer.
     bool Start(ComTaskThread* aThread) {
-        const ComTimeValueType now = ComTimeValueType::GetTimeOfDay();
-        m_dueNs = (now.GetSec() * int64_t{1000000} + now.GetUsec() + kTickPeriodUs) * 1000;
+        m_grid.Start(kTickPeriodUs);
         return aThread->ScheduleTimer(this, nullptr, ComTimeValueType(0, kTickPeriodUs),
                                       kTicksPerRound) == COM_OK;
     }
 
     void OnTimeout(const ComTimeValueType&, void*) override {
-        const int64_t lateNs = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                   std::chrono::system_clock::now().time_since_epoch())
-                                   .count() -
-                               m_dueNs;
-        m_lateUs.push_back(lateNs / 1000.0);
-        // The queue skips the periods it missed instead of firing them in a burst.
-        m_dueNs += (lateNs / (kTickPeriodUs * 1000) + 1) * kTickPeriodUs * 1000;
+        m_lateUs.push_back(m_grid.Tick());
         if (++m_ticks == kTicksPerRound) m_done.Set();
     }
 
 private:
     std::vector<double>& m_lateUs;
     bench::Signal& m_done;
-    int64_t m_dueNs = 0;
+    bench::TimerGrid m_grid;
     int m_ticks = 0;
 };
 
@@ -277,9 +269,7 @@ void TaskTimerLateness(benchmark::State& aState, int aImpl) {
     BENCH_REQUIRE(aState, kRun.ok);
     for (auto _ : aState) {
     }
-    std::vector<double> last = kRun.lastUs[aImpl];
-    std::nth_element(last.begin(), last.begin() + last.size() / 2, last.end());
-    bench::ReportLateness(aState, kRun.lateUs[aImpl], last[last.size() / 2]);
+    bench::ReportLateness(aState, kRun.lateUs[aImpl], bench::Median(kRun.lastUs[aImpl]));
 }
 
 const bool kRegistered = [] {

@@ -7,9 +7,10 @@ Benchmarks are named "<workload>/<implementation>"; the medians of the
 repetitions are compared. A "batch" counter divides the time into the time per
 operation; a "bytes" counter is shown as bytes instead of time. Workloads named
 "mechanism_*" measure a part of a design on its own and get a table of their own,
-and so do workloads that report timer lateness counters (microseconds). A
-variant of the library (LIB_VARIANTS) gets a column and a ratio of its own when
-some workload has it.
+and so do workloads that report timer lateness counters or hand-off counters
+(microseconds); a workload measured in rounds may add the 99th percentile of its
+median round. A variant of the library (LIB_VARIANTS) gets a column and a ratio
+of its own when some workload has it.
 """
 import json
 import platform
@@ -18,7 +19,8 @@ import sys
 
 PEERS = [("asio", "Asio"), ("libevent", "libevent"), ("mutex_cv", "mutex+condvar"),
          ("spdlog", "spdlog"), ("shared_ptr", "shared_ptr<vector>"), ("std", "C++ std")]
-LATENESS = ["late_p50_us", "late_p99_us", "late_max_us", "drift_us"]
+LATENESS = ["late_p50_us", "late_p99_us", "late_round_p99_us", "late_max_us", "drift_us"]
+HANDOFF = ["handoff_p50_us", "handoff_p99_us", "handoff_round_p99_us", "handoff_max_us"]
 LIB = "lib"
 LIB_VARIANTS = [("lib_epoll", "lib (epoll)")]
 TO_NS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
@@ -29,6 +31,7 @@ def load(path):
         data = json.load(f)
     rows = {}
     lateness = {}
+    handoff = {}
     for b in data["benchmarks"]:
         if b.get("run_type") == "aggregate" and b.get("aggregate_name") != "median":
             continue
@@ -40,7 +43,10 @@ def load(path):
                       b.get("run_name", b["name"]))
         workload, _, impl = name.partition("/")
         if LATENESS[0] in b:
-            lateness.setdefault(workload, {})[impl] = [b[c] for c in LATENESS]
+            lateness.setdefault(workload, {})[impl] = [b.get(c) for c in LATENESS]
+            continue
+        if HANDOFF[0] in b:
+            handoff.setdefault(workload, {})[impl] = [b.get(c) for c in HANDOFF]
             continue
         if "bytes" in b:
             value, unit = b["bytes"], "B"
@@ -48,7 +54,7 @@ def load(path):
             value = b["real_time"] * TO_NS[b["time_unit"]] / b.get("batch", 1)
             unit = "ns"
         rows.setdefault(workload, {})[impl] = (value, unit)
-    return data.get("context", {}), rows, lateness
+    return data.get("context", {}), rows, lateness, handoff
 
 
 def fmt(entry):
@@ -78,11 +84,26 @@ def machine(context):
              ", ".join("%.2f" % x for x in context.get("load_avg", []))))
 
 
+def spread_table(table, title, columns, form):
+    """Prints counters in microseconds; a column no row has is left out."""
+    if not table:
+        return
+    rows = [(name, impl, values) for name, impls in table.items()
+            for impl, values in impls.items()]
+    kept = [i for i in range(len(columns)) if any(v[i] is not None for _, _, v in rows)]
+    print()
+    print("| %s | Implementation | %s |" % (title, " | ".join(columns[i] for i in kept)))
+    print("|---|---" + "|---" * len(kept) + "|")
+    for name, impl, values in rows:
+        cells = [form % values[i] if values[i] is not None else "-" for i in kept]
+        print("| %s | %s | %s |" % (name, impl, " | ".join(cells)))
+
+
 def main():
     if len(sys.argv) != 2:
         print(__doc__.strip(), file=sys.stderr)
         return 2
-    context, rows, lateness = load(sys.argv[1])
+    context, rows, lateness, handoff = load(sys.argv[1])
     def present(candidates):
         return [(key, title) for key, title in candidates
                 if any(key in impls for name, impls in rows.items()
@@ -110,13 +131,10 @@ def main():
         for name, impls in mechanisms:
             for impl, entry in impls.items():
                 print("| %s | %s | %s |" % (name[len("mechanism_"):], impl, fmt(entry)))
-    if lateness:
-        print()
-        print("| Timer | Implementation | lateness p50 | p99 | max | drift at the end |")
-        print("|---|---|---|---|---|---|")
-        for name, impls in lateness.items():
-            for impl, values in impls.items():
-                print("| %s | %s | %s |" % (name, impl, " | ".join("%.0f us" % v for v in values)))
+    timer_columns = ["lateness p50", "p99", "p99 of the median round", "max", "drift at the end"]
+    delay_columns = ["p50", "p99", "p99 of the median round", "max"]
+    spread_table(lateness, "Timer", timer_columns, "%.0f us")
+    spread_table(handoff, "Hand-off", delay_columns, "%.1f us")
     return 0
 
 
