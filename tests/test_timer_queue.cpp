@@ -108,6 +108,19 @@ TEST(TimerQueue, CountsRemainingTimeAndHandlersThatChangeThemselves) {
     EXPECT_EQ(0, (next - firstDue).GetUsec() % 10000);
     EXPECT_TRUE(next > late.m_lastTime);
     EXPECT_TRUE(next <= late.m_lastTime + Ms(10));
+    ASSERT_EQ(COM_OK, queue.CancelTimer(&late));
+
+    // The time left is counted from after the handlers: a slow handler does
+    // not make the owner's next wait end late by its own running time.
+    RecordingHandler slow, waiting;
+    slow.m_action = [] { std::this_thread::sleep_for(std::chrono::milliseconds(50)); };
+    ASSERT_EQ(COM_OK, queue.ScheduleTimer(&waiting, nullptr, Ms(200), 1));
+    const ComTimeValueType waitingDue = queue.GetEarliestTime();
+    ASSERT_EQ(COM_OK, queue.ScheduleTimer(&slow, nullptr, ComTimeValueType(0, 0), 1));
+    const ComTimeValueType checked = ComTimeValueType::GetTimeOfDay();
+    EXPECT_LE(1, queue.CheckExpire(&remain));
+    EXPECT_TRUE(checked + Ms(49) + remain <= waitingDue);
+    EXPECT_EQ(COM_OK, queue.CancelTimer(&waiting));
 }
 
 TEST(TimerQueue, OtherThreadsMayScheduleWhileTheOwnerFires) {

@@ -93,12 +93,25 @@ protected:
     // releases blocked senders, and waits until no sender is still inside
     // this queue, so that none touches it once it is gone.
     void CloseForDestruction(CMyMutex& aMutex);
+    // A post wakes its consumer after releasing the lock, so that the woken
+    // thread does not go straight back to sleep on it. BeginWake_l (under the
+    // lock) and EndWake bracket that wake-up; WaitForWakers returns once no
+    // wake-up is under way, and CloseForDestruction waits for it too.
+    void BeginWake_l();
+    void EndWake();
+
+public:
+    /// Returns once no post is still waking this queue's consumer. The reactor
+    /// calls it, holding the queue's lock, before it closes its wake-up pipe.
+    void WaitForWakers();
 
 private:
     int SendCounted(IEvent* aEvent);
 
     // Threads inside SendEvent on this queue.
     std::atomic<unsigned> m_nSenders;
+    // Posts between releasing the lock and waking the consumer.
+    std::atomic<unsigned> m_nWaking;
 };
 
 /// Carries one event of a cross-thread SendEvent and releases the sender once

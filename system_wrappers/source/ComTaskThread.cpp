@@ -87,7 +87,8 @@ EventQueueBase::EventQueueBase()
       m_createTime(ComTimeValueType::GetTimeOfDay()),
       m_Tid(0),
       m_bStopped(0),
-      m_nSenders(0) {}
+      m_nSenders(0),
+      m_nWaking(0) {}
 
 EventQueueBase::~EventQueueBase() {
     EventQueueBase::DestoryPendingEvents();
@@ -104,6 +105,21 @@ void EventQueueBase::CloseForDestruction(CMyMutex& aMutex) {
     // What is left of a sender is a few steps: the trip back, which the
     // stopped queue now refuses, and leaving SendEvent.
     while (m_nSenders.load(std::memory_order_acquire) != 0) {
+        sched_yield();
+    }
+    WaitForWakers();
+}
+
+void EventQueueBase::BeginWake_l() {
+    m_nWaking.fetch_add(1, std::memory_order_relaxed);
+}
+
+void EventQueueBase::EndWake() {
+    m_nWaking.fetch_sub(1, std::memory_order_release);
+}
+
+void EventQueueBase::WaitForWakers() {
+    while (m_nWaking.load(std::memory_order_acquire) != 0) {
         sched_yield();
     }
 }
@@ -400,16 +416,22 @@ void EventQueueUsingConditionVariable::Wake() {
 
 int EventQueueUsingConditionVariable::PostEvent(IEvent* aEvent) {
     std::list<IEvent*> node(1, aEvent);
-    PattAutoLock<CMyMutex> lock(m_Mutex);
-    const bool wasEmpty = m_Events.empty();
-    const int rv = PostNode_l(node);
-    if (rv != COM_OK) {
-        SW_TRACE_ERROR("PostEvent, failed, this=" << Addr(this));
-        return rv;
+    {
+        PattAutoLock<CMyMutex> lock(m_Mutex);
+        const bool wasEmpty = m_Events.empty();
+        const int rv = PostNode_l(node);
+        if (rv != COM_OK) {
+            SW_TRACE_ERROR("PostEvent, failed, this=" << Addr(this));
+            return rv;
+        }
+        if (!wasEmpty) {
+            return COM_OK;
+        }
+        BeginWake_l();
     }
-    if (wasEmpty) {
-        m_Cond.Signal();
-    }
+    // Signalled after the unlock: the woken owner takes the lock at once.
+    m_Cond.Signal();
+    EndWake();
     return COM_OK;
 }
 
@@ -920,7 +942,13 @@ int TimerQueueBase::CheckExpire(ComTimeValueType* aRemainTime) {
             }
             if (earliest > now) {
                 if (aRemainTime != nullptr) {
-                    *aRemainTime = earliest - now;
+                    // Measured from after the handlers that ran, so that the
+                    // owner's next wait ends on time rather than late by
+                    // their running time.
+                    const ComTimeValueType from =
+                        fired > 0 ? ComTimeValueType::GetTimeOfDay() : now;
+                    *aRemainTime =
+                        earliest > from ? earliest - from : ComTimeValueType::s_tvZero;
                 }
                 return fired;
             }

@@ -47,17 +47,30 @@ int ComEventQueueWithReactor::PostEvent(IEvent* aEvent) {
     // line) runs inside it, so the emptiness test and the post are one step.
     // The list node is made before the lock.
     std::list<IEvent*> node(1, aEvent);
-    PattAutoLock<CMyMutex> lock(m_Mutex);
-    const bool wasEmpty = m_Events.empty();
-    const int rv = PostNode(node);
-    // One token per empty-to-non-empty transition; the reactor asks for the
-    // next turn itself while events are left over. Written under the lock,
-    // so it never races the reactor closing its pipe.
-    if (rv == COM_OK && wasEmpty && m_pReactor != nullptr) {
+    bool wake = false;
+    {
+        PattAutoLock<CMyMutex> lock(m_Mutex);
+        const bool wasEmpty = m_Events.empty();
+        const int rv = PostNode(node);
+        if (rv != COM_OK) {
+            return rv;
+        }
+        // One token per empty-to-non-empty transition; the reactor asks for
+        // the next turn itself while events are left over.
+        wake = wasEmpty && m_pReactor != nullptr;
+        if (wake) {
+            BeginWake_l();
+        }
+    }
+    if (wake) {
+        // Written after the lock is released: the reactor it wakes goes
+        // straight for that lock. The pipe is closed only once no waker is
+        // left (CloseWakeUp).
         const int res = m_pReactor->notify_handle();
         SW_ASSERT_LINE(__LINE__, res == 0, "res == 0");
+        EndWake();
     }
-    return rv;
+    return COM_OK;
 }
 
 // ---------------------------------------------------------------------------
@@ -85,7 +98,10 @@ ComNetReactor::~ComNetReactor() {
     // goes before the queue: refuse such trips first, and let one already
     // under way finish.
     m_EventQueue.Stop();
-    PattAutoLock<CMyMutex> settle(m_EventQueue.m_Mutex);
+    {
+        PattAutoLock<CMyMutex> settle(m_EventQueue.m_Mutex);
+    }
+    m_EventQueue.WaitForWakers();
 }
 
 int ComNetReactor::set_default_backend(int aBackend) {
@@ -127,11 +143,14 @@ int ComNetReactor::un_init() {
     SW_TRACE_INFO("[COM]:un_init, this=" << Addr(this));
     m_bStop.store(true, std::memory_order_release);
     {
-        // Posting threads write wake tokens under the queue's lock.
+        // Under the queue's lock no post can start a wake-up; those already
+        // writing finish before the pipe goes, and the queue is stopped
+        // before anyone could post to an empty queue again.
         PattAutoLock<CMyMutex> lock(m_EventQueue.m_Mutex);
+        m_EventQueue.WaitForWakers();
         m_PipeNotify.close();
+        m_EventQueue.Stop();
     }
-    m_EventQueue.Stop();
     clear_net_handle();
     return 0;
 }
