@@ -330,6 +330,7 @@ struct PacingRun {
     std::vector<double> lateUs[kPacingImpls];
     std::vector<double> handoffUs[kPacingImpls];
     std::vector<double> lastUs[kPacingImpls];  // each stream's last tick of each round
+    std::vector<double> roundLateP50Us[kPacingImpls];
     std::vector<double> roundLateP99Us[kPacingImpls];
     std::vector<double> roundHandoffP99Us[kPacingImpls];
     bool ok = true;
@@ -338,6 +339,17 @@ struct PacingRun {
 double P99(std::vector<double> aUs) {
     std::nth_element(aUs.begin(), aUs.begin() + aUs.size() * 99 / 100, aUs.end());
     return aUs[aUs.size() * 99 / 100];
+}
+
+// The median over rounds of aImpl's figure over Asio's in the same round: the
+// rounds of one turn run seconds apart, so the machine's mood, which moves the
+// figures of a whole run by several times, mostly cancels out.
+double MedianRatioToAsio(const std::vector<double> (&aRounds)[kPacingImpls], int aImpl) {
+    std::vector<double> ratios;
+    for (size_t i = 0; i < aRounds[aImpl].size(); ++i) {
+        ratios.push_back(aRounds[aImpl][i] / aRounds[kImplAsio][i]);
+    }
+    return bench::Median(std::move(ratios));
 }
 
 void Add(std::vector<double>& aAll, const std::vector<double>& aRound) {
@@ -369,6 +381,7 @@ const PacingRun& MeasurePacing() {
                 }
                 Add(run.lateUs[impl], late);
                 Add(run.handoffUs[impl], samples.handoffUs);
+                run.roundLateP50Us[impl].push_back(bench::Median(late));
                 run.roundLateP99Us[impl].push_back(P99(std::move(late)));
                 run.roundHandoffP99Us[impl].push_back(P99(std::move(samples.handoffUs)));
             }
@@ -385,6 +398,10 @@ void PacingLateness(benchmark::State& aState, int aImpl) {
     }
     bench::ReportLateness(aState, run.lateUs[aImpl], bench::Median(run.lastUs[aImpl]));
     aState.counters["late_round_p99_us"] = bench::Median(run.roundLateP99Us[aImpl]);
+    if (aImpl != kImplAsio) {
+        aState.counters["p50_x_asio"] = MedianRatioToAsio(run.roundLateP50Us, aImpl);
+        aState.counters["p99_x_asio"] = MedianRatioToAsio(run.roundLateP99Us, aImpl);
+    }
 }
 
 void PacingHandoff(benchmark::State& aState, int aImpl) {
@@ -394,6 +411,9 @@ void PacingHandoff(benchmark::State& aState, int aImpl) {
     }
     bench::ReportSpread(aState, "handoff", run.handoffUs[aImpl]);
     aState.counters["handoff_round_p99_us"] = bench::Median(run.roundHandoffP99Us[aImpl]);
+    if (aImpl != kImplAsio) {
+        aState.counters["p99_x_asio"] = MedianRatioToAsio(run.roundHandoffP99Us, aImpl);
+    }
 }
 
 const bool kRegistered = [] {
