@@ -9,7 +9,7 @@ operation; a "bytes" counter is shown as bytes instead of time. Workloads named
 "mechanism_*" measure a part of a design on its own and get a table of their own,
 and so do workloads that report timer lateness counters or hand-off counters
 (microseconds); a workload measured in rounds may add the 99th percentile of its
-median round. A variant of the library (LIB_VARIANTS) gets a column and a ratio
+median round and, per round, its figures over Asio's in the same round. A variant of the library (LIB_VARIANTS) gets a column and a ratio
 of its own when some workload has it.
 """
 import json
@@ -19,8 +19,10 @@ import sys
 
 PEERS = [("asio", "Asio"), ("libevent", "libevent"), ("mutex_cv", "mutex+condvar"),
          ("spdlog", "spdlog"), ("shared_ptr", "shared_ptr<vector>"), ("std", "C++ std")]
-LATENESS = ["late_p50_us", "late_p99_us", "late_round_p99_us", "late_max_us", "drift_us"]
-HANDOFF = ["handoff_p50_us", "handoff_p99_us", "handoff_round_p99_us", "handoff_max_us"]
+LATENESS = ["late_p50_us", "late_p99_us", "late_round_p99_us", "late_max_us", "drift_us",
+            "p50_x_asio", "p99_x_asio"]
+HANDOFF = ["handoff_p50_us", "handoff_p99_us", "handoff_round_p99_us", "handoff_max_us",
+           "p99_x_asio"]
 LIB = "lib"
 LIB_VARIANTS = [("lib_epoll", "lib (epoll)")]
 TO_NS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
@@ -84,8 +86,9 @@ def machine(context):
              ", ".join("%.2f" % x for x in context.get("load_avg", []))))
 
 
-def spread_table(table, title, columns, form):
-    """Prints counters in microseconds; a column no row has is left out."""
+def spread_table(table, title, columns, forms):
+    """Prints counters, each column in its own format; a column no row has is
+    left out."""
     if not table:
         return
     rows = [(name, impl, values) for name, impls in table.items()
@@ -95,7 +98,7 @@ def spread_table(table, title, columns, form):
     print("| %s | Implementation | %s |" % (title, " | ".join(columns[i] for i in kept)))
     print("|---|---" + "|---" * len(kept) + "|")
     for name, impl, values in rows:
-        cells = [form % values[i] if values[i] is not None else "-" for i in kept]
+        cells = [forms[i] % values[i] if values[i] is not None else "-" for i in kept]
         print("| %s | %s | %s |" % (name, impl, " | ".join(cells)))
 
 
@@ -131,10 +134,12 @@ def main():
         for name, impls in mechanisms:
             for impl, entry in impls.items():
                 print("| %s | %s | %s |" % (name[len("mechanism_"):], impl, fmt(entry)))
-    timer_columns = ["lateness p50", "p99", "p99 of the median round", "max", "drift at the end"]
-    delay_columns = ["p50", "p99", "p99 of the median round", "max"]
-    spread_table(lateness, "Timer", timer_columns, "%.0f us")
-    spread_table(handoff, "Hand-off", delay_columns, "%.1f us")
+    timer_columns = ["lateness p50", "p99", "p99 of the median round", "max", "drift at the end",
+                     "p50 / Asio's (median of rounds)", "p99 / Asio's (median of rounds)"]
+    delay_columns = ["p50", "p99", "p99 of the median round", "max",
+                     "p99 / Asio's (median of rounds)"]
+    spread_table(lateness, "Timer", timer_columns, ["%.0f us"] * 5 + ["%.2f"] * 2)
+    spread_table(handoff, "Hand-off", delay_columns, ["%.1f us"] * 4 + ["%.2f"])
     return 0
 
 
