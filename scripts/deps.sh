@@ -29,5 +29,6 @@ sw_install_packages() {
 }
 
 # What configuring the default preset needs: the compiler, the build tools and
-# GoogleTest, which the configure step looks for.
-SW_BUILD_PACKAGES=(cmake ninja-build g++ googletest libgtest-dev libgmock-dev pkg-config)
+# GoogleTest, which the configure step looks for; python3 checks the guide
+# against the examples.
+SW_BUILD_PACKAGES=(cmake ninja-build g++ googletest libgtest-dev libgmock-dev pkg-config python3)

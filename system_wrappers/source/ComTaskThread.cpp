@@ -334,7 +334,13 @@ void ComEventSynchronous::OnDestorySelf() {
 }
 
 int ComEventSynchronous::WaitResultAndDeleteThis() {
-    const int rv = m_SendEvent.Wait(nullptr);
+    // The event's wait ends on any wake-up, a spurious one included: only an
+    // answer (ran or discarded) ends this one.
+    int rv = COM_OK;
+    do {
+        rv = m_SendEvent.Wait(nullptr);
+    } while (rv == COM_OK && !m_bRan.load(std::memory_order_acquire) &&
+             !m_bDiscarded.load(std::memory_order_acquire));
     if (rv != COM_OK) {
         SW_TRACE_ERROR(
             "ComEventSynchronous::WaitResultAndDeleteThis, m_SendEvent.Wait() failed!, this="
