@@ -227,11 +227,14 @@ TEST(ComTaskThread, SendsReturnWhenDiscardedOrRacingTheOwnersEnd) {
     // An event ends the loop while another thread's send waits behind it: the
     // sender gets a failure and the event ends once, unfired.
     EventLedger ledger(1);
-    Gate sent;
+    Gate running, sent;
     ASSERT_EQ(COM_OK, thread->PostEvent(new FnEvent([&] {
+        running.Open();
         EXPECT_TRUE(WaitUntil([&] { return thread->m_EventQueue.GetPendingEventsCount() == 1; }));
         thread->SetStopFlag();
     })));
+    // Sent only once that event runs, so that the two are not taken together.
+    ASSERT_TRUE(running.Wait());
     std::atomic<int> result{0};
     std::thread sender([&] {
         result = thread->SendEvent(new LedgerEvent(ledger, 0, "", 7));
