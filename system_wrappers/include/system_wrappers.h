@@ -1,5 +1,6 @@
-// Umbrella header of libSystemWrappers: include this (or one family header)
-// and link SystemWrappers.
+/// @file
+/// The umbrella header of libSystemWrappers: it includes every exported header.
+/// Include this (or one family header) and link SystemWrappers.
 #ifndef SYSTEM_WRAPPERS_SYSTEM_WRAPPERS_H_
 #define SYSTEM_WRAPPERS_SYSTEM_WRAPPERS_H_
 
