@@ -68,7 +68,10 @@ public:
     /// Creates, starts and registers a reactor thread with a reactor of its
     /// own. 0 with aThread set; free it with DestroyThread. -1 when allocation
     /// fails (assertion "reactor != NULL" or "new_thread != NULL"), otherwise
-    /// as CreateThreadPrivate. Read aThread only after 0.
+    /// as CreateThreadPrivate. Read aThread only after 0. A reactor that could
+    /// not open its wake-up pipe still returns 0, but its loop has already
+    /// ended (traced by the reactor): wait for a posted event's effect with a
+    /// bound rather than SendEvent to a fresh reactor thread.
     int CreateReactorThread(ComReactorThread*& aThread);
     /// Creates, starts and registers a ComUserThread that calls aFunc(aArg)
     /// (aArg borrowed until the thread is destroyed). 0 with aThread set; free

@@ -16,7 +16,8 @@ public:
     /// Destroys the sink; cancel the timers that use it first.
     virtual ~ComTimerWrapperSink();
     /// Called once per expiry of aTimer, on the thread the timer is bound to.
-    /// It may Cancel or Schedule aTimer again from here.
+    /// It may Cancel or Schedule aTimer again from here, and post or send
+    /// events to other threads' queues like any code on that thread.
     virtual void OnTimer(ComTimerWrapper* aTimer) = 0;
 };
 
@@ -45,7 +46,8 @@ class SW_EXPORT ComTimerWrapper : public ITimerHandler {
 public:
     /// An unbound, unscheduled timer.
     ComTimerWrapper();
-    /// Cancels (see Cancel), on the bound thread.
+    /// Cancels (see Cancel). On the bound thread while the wrapper is bound;
+    /// once cancelled it is unbound, and any thread may destroy it.
     ~ComTimerWrapper() override;
 
     /// Schedules the timer: aSink->OnTimer runs on the bound thread one
@@ -63,8 +65,9 @@ public:
     /// Removes the timer and unbinds, so the next Schedule binds to the
     /// calling thread afresh. COM_OK, also when not scheduled (silent);
     /// COM_ERROR_FAILURE after the last firing of a counted timer ("[COM]:Cancel,
-    /// failed", error; see the class comment), unbound all the same. Only on
-    /// the bound thread.
+    /// failed", error; see the class comment), unbound all the same. On the
+    /// bound thread; an unbound wrapper (never scheduled, or cancelled) may be
+    /// cancelled on any thread, which does nothing.
     int Cancel();
     /// Hands the expiry to the sink given to Schedule; called by the bound
     /// queue on its thread. Not for callers.
