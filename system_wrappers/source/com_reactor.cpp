@@ -64,8 +64,8 @@ int ComEventQueueWithReactor::PostEvent(IEvent* aEvent) {
     }
     if (wake) {
         // Written after the lock is released: the reactor it wakes goes
-        // straight for that lock. The pipe is closed only once no waker is
-        // left (CloseWakeUp).
+        // straight for that lock. un_init closes the pipe only once no
+        // waker is left.
         const int res = m_pReactor->notify_handle();
         SW_ASSERT_LINE(__LINE__, res == 0, "res == 0");
         EndWake();
