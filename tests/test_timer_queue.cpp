@@ -24,7 +24,7 @@ TEST(TimerQueue, PushReplacesReportsAndOrdersEqualDueTimes) {
     CountingObserver observer;
     TimerQueueOrderedList queue(&observer);
     EventLedger log;
-    RecordingHandler h, a(&log, "a"), b(&log, "b"), c(&log, "c");
+    RecordingHandler h, a(&log, "a"), b(&log, "b"), c(&log, "c"), d(&log, "d");
     EXPECT_EQ(COM_OK, queue.ScheduleTimer(&h, nullptr, ComTimeValueType(100, 0), 1));
     const ComTimeValueType before = ComTimeValueType::GetTimeOfDay();
     EXPECT_EQ(COM_ERROR_FAILURE, queue.ScheduleTimer(&h, nullptr, ComTimeValueType(200, 0), 1));
@@ -54,9 +54,10 @@ TEST(TimerQueue, PushReplacesReportsAndOrdersEqualDueTimes) {
         EXPECT_EQ(0, queue.PushNode_l(Node(&b, due)));
         // Equal due times: the latest pushed fires first, so a replaced moves ahead of b.
         EXPECT_EQ(1, queue.PushNode_l(Node(&a, due)));
+        EXPECT_EQ(0, queue.RePushNode_l(Node(&d, due + Ms(1))));  // ahead of c, its equal
     }
-    EXPECT_EQ(3, queue.CheckExpire(nullptr));  // h, due in 10 s, stays
-    EXPECT_EQ((std::vector<std::string>{"a", "b", "c"}), log.Order());
+    EXPECT_EQ(4, queue.CheckExpire(nullptr));  // h, due in 10 s, stays
+    EXPECT_EQ((std::vector<std::string>{"a", "b", "d", "c"}), log.Order());
 }
 
 TEST(TimerQueue, CountsRemainingTimeAndHandlersThatChangeThemselves) {
